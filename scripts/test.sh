@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Installs what the build and the tests need (Debian, as root; quiet when all is
+# there), then builds and runs the test suite three times: plain, under
+# AddressSanitizer + UndefinedBehaviorSanitizer, and the threaded suites under
+# ThreadSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(build-essential cmake pkg-config libavcodec-dev libavformat-dev libavutil-dev ffmpeg
+          libgtest-dev libgmock-dev libbenchmark-dev)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+jobs=$(nproc)
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+run_suite() {  # build-dir, cmake options, ctest options
+  local dir=$1 opts=$2 filter=$3
+  echo "== $dir"
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo $opts >/dev/null
+  cmake --build "$dir" -j "$jobs" >/dev/null
+  (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300 $filter)
+}
+
+run_suite build ""
+run_suite build-asan "-DMP4REC_SANITIZE=address,undefined -DMP4REC_BUILD_BENCH=OFF" ""
+# ThreadSanitizer needs a fixed address layout on kernels with wide mmap randomisation.
+setarch "$(uname -m)" -R true 2>/dev/null && tsan_prefix="setarch $(uname -m) -R" || tsan_prefix=""
+echo "== build-tsan"
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMP4REC_SANITIZE=thread \
+  -DMP4REC_BUILD_BENCH=OFF -DMP4REC_BUILD_TOOLS=OFF >/dev/null
+cmake --build build-tsan -j "$jobs" >/dev/null
+(cd build-tsan && $tsan_prefix ctest --output-on-failure -j "$jobs" --timeout 600 -L threaded)

@@ -1,0 +1,48 @@
+// Internal declarations shared by every subsystem: the public API, logging
+// helpers and the process-wide flags in their atomic form.
+#pragma once
+
+#define MP4REC_INTERNAL_FLAGS 1
+#include <mp4rec/mp4rec.h>
+
+#include <atomic>
+#include <cstdint>
+
+// The three flags are written by whichever thread makes a head (usually the
+// pre-open thread) and read by the writer thread of the current file, so they
+// are relaxed atomics with the layout of a plain 32-bit word.
+extern "C" {
+MP4REC_API extern std::atomic<int32_t> videoPreallocFlag;
+MP4REC_API extern std::atomic<int32_t> audioPreallocFlag;
+MP4REC_API extern std::atomic<int32_t> audioTimeStampFlag;
+}
+static_assert(sizeof(std::atomic<int32_t>) == sizeof(int32_t));
+static_assert(std::atomic<int32_t>::is_always_lock_free);
+
+namespace mp4rec {
+
+// Log modules: the recorder, and the audio readers / converters / buffer diagnostics.
+inline constexpr int kModRecorder = 37;
+inline constexpr int kModAudio = 38;
+
+// Log levels.
+inline constexpr int kLogError = 3;
+inline constexpr int kLogFrames = 6;
+inline constexpr int kLogProgress = 7;
+
+inline uint32_t relaxed(const std::atomic<uint32_t> &v) {
+  return v.load(std::memory_order_relaxed);
+}
+
+}  // namespace mp4rec
+
+// Logs through the host's swLogWrite with the calling function's name.
+#define MP4_LOG(level, module, ...) swLogWrite((level), (module), __func__, __LINE__, __VA_ARGS__)
+// Logs an error of the recorder module (level 3, module 37).
+#define MP4_ERR(...) MP4_LOG(::mp4rec::kLogError, ::mp4rec::kModRecorder, __VA_ARGS__)
+// Logs under an explicit function name (for messages that carry another routine's name).
+#define MP4_LOG_AS(name, level, module, ...) \
+  swLogWrite((level), (module), (name), __LINE__, __VA_ARGS__)
+// Module-38 messages start "[%d] " with the source line as their first argument.
+#define MP4_LOG38(level, fmt, ...) \
+  swLogWrite((level), ::mp4rec::kModAudio, __func__, __LINE__, fmt, __LINE__, ##__VA_ARGS__)

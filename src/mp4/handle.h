@@ -1,0 +1,161 @@
+// The per-file MP4 handle of an H.264 recording, its position tables and its
+// sample lists. The record keeps the field order of the file format's design
+// documents; the three counters that the caller's thread writes and the writer
+// thread reads are relaxed atomics of the same width.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+
+#include "common/internal.h"
+
+// Slots of the video position table (41 words): file offsets of every box and
+// field that the in-place index update reads or patches.
+enum VideoPosSlot : int {
+  kVChunkCounter = 0,
+  kVTrak,
+  kVTkhd,
+  kVTkhdDuration,
+  kVEdts,
+  kVElstDuration,
+  kVMdia,
+  kVMdhd,
+  kVMdhdDuration,
+  kVHdlr,
+  kVMinf,
+  kVVmhd,
+  kVDinf,
+  kVDref,
+  kVDrefCount,
+  kVStbl,
+  kVStsd,
+  kVStsdCount,
+  kVAvc1,
+  kVAvcC,
+  kVAvcCDataPos,
+  kVAvcCDataEnd,
+  kVSttsStssStart,  // shared by stts and stss: ends up holding the stss start
+  kVSttsCount,
+  kVSttsNext,
+  kVStssCount,
+  kVStssNext,
+  kVStscStart,
+  kVStscCount,
+  kVStscNext,
+  kVStszCount,
+  kVStszNext,
+  kVStcoStart,
+  kVStcoCount,
+  kVStcoNext,
+  kVChunkOffset = 40,  // the offset most recently written into stco
+  kVideoPosSlots = 41,
+};
+
+// Slots of the audio position table (40 words).
+enum AudioPosSlot : int {
+  kATrak = 0,
+  kAChunkCounter,
+  kATkhd,
+  kATkhdDuration,
+  kAMdia,
+  kAMdhd,
+  kAMdhdDuration,
+  kAHdlr,
+  kAMinf,
+  kADinf,
+  kADref,
+  kADrefCount,
+  kAStbl,
+  kAStsd,
+  kAStsdCount,
+  kAMp4a,
+  kASttsStart,
+  kASttsCount,
+  kASttsNext,
+  kAStscStart,
+  kAStscCount,
+  kAStscNext,
+  kAStszStart,
+  kAStszCount,
+  kAStszNext,
+  kAStcoStart,
+  kAStcoCount,
+  kAStcoNext,
+  kAChunkOffset = 39,
+  kAudioPosSlots = 40,
+};
+
+inline constexpr uint32_t kUnknownTs = 0xFFFFFFFFu;  // "not yet known" in updatePos
+
+struct mp4_handle {
+  FILE *file;                        // the .mp4 file ("wb")
+  FILE *mp2File;                     // temporary MP2 side file ("wb+")
+  uint32_t creationTime;             // seconds since 1904-01-01
+  uint32_t mdatPos;                  // offset of the mdat header
+  std::atomic<uint32_t> mediaBytes;  // sample bytes accepted so far
+  uint8_t *sps;                      // first SPS seen (without start code)
+  uint32_t spsLen;
+  uint8_t *pps;  // first PPS seen
+  uint32_t ppsLen;
+  videoNode *videoHead;  // the handle's own video list (index-at-end writer)
+  videoNode *videoTail;
+  std::atomic<uint32_t> videoCount;  // video samples accepted
+  uint32_t width;
+  uint32_t height;
+  uint32_t mp2DataPos;  // start of the audio run (index-at-end writer)
+  audioNode *audioHead;
+  audioNode *audioTail;
+  std::atomic<uint32_t> audioCount;  // audio frames accepted
+  uint32_t durationPad;              // 50, not read
+  uint32_t audioFrameSamples;        // 1152, or 1024 for AAC
+  uint32_t movieTimeScale;
+  uint32_t moovEnable;      // fixed 1
+  uint32_t audioKHz;        // fixed 16
+  uint32_t videoTimeScale;  // 1000
+  uint32_t sampleRate;      // Hz, audio mdhd time scale
+  uint32_t audioFormat;     // 1, 2 or 3
+  void *mp2Encoder;
+  mp4_data_buffer *dataBuffer;
+  int32_t writeStatus;  // error sum of the box writers
+  uint32_t moovPos;
+  struct updatePos *updatePos;  // patch positions (null on the index-at-end road)
+  uint32_t maxDuration;
+  uint32_t reserved33;
+  uint32_t videoSampleNumber;  // video samples indexed so far
+  uint32_t reserved35;
+  uint32_t reserved36;
+  uint32_t reserved37;
+  uint32_t maxVideoFrames;  // capacity of the reserved video tables
+  uint32_t maxAudioFrames;  // capacity of the reserved audio tables
+};
+
+namespace mp4rec {
+
+// Table capacities for a planned length of `seconds`: 10 % more than the
+// nominal length plus one second.
+struct Capacities {
+  uint32_t video;
+  uint32_t audio;
+};
+constexpr Capacities table_capacities(uint32_t seconds, uint32_t frame_rate, uint32_t sample_rate) {
+  const uint32_t span = seconds + seconds / 10 + 1;
+  return {span * frame_rate, span * (sample_rate / 1024)};
+}
+
+// Seconds from 1904-01-01 (MP4 epoch) to 1970-01-01.
+inline constexpr uint32_t kMp4EpochOffset = 2082844800u;
+
+// Appends at the tail of the handle's own lists (next cleared, count raised).
+void handle_append_video(mp4_handle *h, videoNode *node);
+void handle_append_audio(mp4_handle *h, audioNode *node);
+// Frees a node list from its head and clears head and tail.
+void free_video_list(videoNode *&head, videoNode *&tail);
+void free_audio_list(audioNode *&head, audioNode *&tail);
+
+}  // namespace mp4rec
+
+namespace mp4rec {
+// A zeroed handle (null pointers, zero counters); release with free_mp4_h264.
+mp4_handle *handle_alloc();
+}  // namespace mp4rec
