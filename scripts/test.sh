@@ -25,7 +25,7 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 run_suite() {  # build-dir, cmake options, ctest options
-  local dir=$1 opts=$2 filter=$3
+  local dir=$1 opts=$2 filter=${3:-}
   echo "== $dir"
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo $opts >/dev/null
   cmake --build "$dir" -j "$jobs" >/dev/null
