@@ -40,4 +40,4 @@ echo "== build-tsan"
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMP4REC_SANITIZE=thread \
   -DMP4REC_BUILD_BENCH=OFF -DMP4REC_BUILD_TOOLS=OFF >/dev/null
 cmake --build build-tsan -j "$jobs" >/dev/null
-(cd build-tsan && $tsan_prefix ctest --output-on-failure -j "$jobs" --timeout 600 -L threaded)
+(cd build-tsan && $tsan_prefix ctest --output-on-failure -j "$jobs" --timeout 600)
