@@ -1,5 +1,6 @@
 // MPEG audio layer II encoding over libavcodec's "mp2" encoder, behind the
 // library's own checks of channel count, sample rate and bit rate.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -28,11 +29,7 @@ const uint16_t mpa_bitrate_tab[2][3][15] = {
 
 namespace mp4rec {
 
-namespace {
-
-// Returns the MPEG version's LSF flag (0 MPEG-1, 1 MPEG-2) or -1 for a rate
-// that layer II does not know.
-int lsf_for_rate(int sample_rate) {
+int mp2_lsf_for_rate(int sample_rate) {
   for (int lsf = 0; lsf < 2; ++lsf) {
     for (uint16_t f : mpa_freq_tab) {
       if (sample_rate == (f >> lsf)) return lsf;
@@ -41,21 +38,47 @@ int lsf_for_rate(int sample_rate) {
   return -1;
 }
 
-bool layer2_bitrate_ok(int lsf, int bitrate) {
+bool mp2_bitrate_allowed(int lsf, int bitrate) {
   const int kbps = bitrate / 1000;
   if (kbps == 0) return true;  // free format
-  for (uint16_t b : mpa_bitrate_tab[lsf][1]) {
-    if (b != 0 && b == kbps) return true;
-  }
-  return false;
+  const auto &layer2 = mpa_bitrate_tab[lsf][1];
+  return std::find(std::begin(layer2) + 1, std::end(layer2), kbps) != std::end(layer2);
 }
 
-void release(Mp2Encoder *enc) {
-  if (enc == nullptr) return;
-  av_packet_free(&enc->packet);
-  av_frame_free(&enc->frame);
-  avcodec_free_context(&enc->codec);
-  std::free(enc);
+namespace {
+
+// Frees the libavcodec objects and the context itself; the context is plain
+// calloc'd memory because it starts with the C bit writer record.
+struct EncoderDeleter {
+  void operator()(Mp2Encoder *enc) const {
+    av_packet_free(&enc->packet);
+    av_frame_free(&enc->frame);
+    avcodec_free_context(&enc->codec);
+    std::free(enc);
+  }
+};
+using EncoderPtr = std::unique_ptr<Mp2Encoder, EncoderDeleter>;
+
+// Opens libavcodec's encoder and the frame and packet that carry one frame.
+bool open_codec(Mp2Encoder &enc) {
+  const AVCodec *codec = avcodec_find_encoder_by_name("mp2");
+  if (codec == nullptr || (enc.codec = avcodec_alloc_context3(codec)) == nullptr) return false;
+  AVCodecContext *c = enc.codec;
+  c->sample_fmt = AV_SAMPLE_FMT_S16;
+  c->sample_rate = enc.sample_rate;
+  // Below 1 kbit/s is free format: the encoder then picks its own rate.
+  c->bit_rate = enc.bitrate / 1000 == 0 ? 0 : enc.bitrate;
+  av_channel_layout_default(&c->ch_layout, enc.channels);
+  if (avcodec_open2(c, codec, nullptr) < 0 || c->frame_size != kMp2FrameSamples) return false;
+
+  enc.frame = av_frame_alloc();
+  enc.packet = av_packet_alloc();
+  if (enc.frame == nullptr || enc.packet == nullptr) return false;
+  enc.frame->format = AV_SAMPLE_FMT_S16;
+  enc.frame->nb_samples = kMp2FrameSamples;
+  enc.frame->sample_rate = enc.sample_rate;
+  return av_channel_layout_copy(&enc.frame->ch_layout, &c->ch_layout) >= 0 &&
+         av_frame_get_buffer(enc.frame, 0) >= 0;
 }
 
 }  // namespace
@@ -66,46 +89,15 @@ using mp4rec::Mp2Encoder;
 
 extern "C" void *MP2_encode_init(int sample_rate, int bitrate, int channels) {
   if (channels >= 3 || channels < 1) return nullptr;
-  auto *enc = static_cast<Mp2Encoder *>(std::calloc(1, sizeof(Mp2Encoder)));
-  if (enc == nullptr) return nullptr;
-  const int lsf = mp4rec::lsf_for_rate(sample_rate);
-  if (lsf < 0 || !mp4rec::layer2_bitrate_ok(lsf, bitrate)) {
-    std::free(enc);
-    return nullptr;
-  }
+  mp4rec::EncoderPtr enc(static_cast<Mp2Encoder *>(std::calloc(1, sizeof(Mp2Encoder))));
+  if (!enc) return nullptr;
+  const int lsf = mp4rec::mp2_lsf_for_rate(sample_rate);
+  if (lsf < 0 || !mp4rec::mp2_bitrate_allowed(lsf, bitrate)) return nullptr;
   enc->channels = channels;
   enc->sample_rate = sample_rate;
   enc->bitrate = bitrate;
-
-  const AVCodec *codec = avcodec_find_encoder_by_name("mp2");
-  if (codec == nullptr || (enc->codec = avcodec_alloc_context3(codec)) == nullptr) {
-    mp4rec::release(enc);
-    return nullptr;
-  }
-  AVCodecContext *c = enc->codec;
-  c->sample_fmt = AV_SAMPLE_FMT_S16;
-  c->sample_rate = sample_rate;
-  c->bit_rate = bitrate;
-  av_channel_layout_default(&c->ch_layout, channels);
-  if (avcodec_open2(c, codec, nullptr) < 0 || c->frame_size != mp4rec::kMp2FrameSamples) {
-    mp4rec::release(enc);
-    return nullptr;
-  }
-  enc->frame = av_frame_alloc();
-  enc->packet = av_packet_alloc();
-  if (enc->frame == nullptr || enc->packet == nullptr) {
-    mp4rec::release(enc);
-    return nullptr;
-  }
-  enc->frame->format = AV_SAMPLE_FMT_S16;
-  enc->frame->nb_samples = mp4rec::kMp2FrameSamples;
-  enc->frame->sample_rate = sample_rate;
-  if (av_channel_layout_copy(&enc->frame->ch_layout, &c->ch_layout) < 0 ||
-      av_frame_get_buffer(enc->frame, 0) < 0) {
-    mp4rec::release(enc);
-    return nullptr;
-  }
-  return enc;
+  if (!mp4rec::open_codec(*enc)) return nullptr;
+  return enc.release();
 }
 
 extern "C" int MP2_encode_frame(void *ctx, unsigned int *out_length, unsigned char *out,
@@ -113,27 +105,29 @@ extern "C" int MP2_encode_frame(void *ctx, unsigned int *out_length, unsigned ch
   auto *enc = static_cast<Mp2Encoder *>(ctx);
   if (out_length != nullptr) *out_length = 0;
   if (enc == nullptr || out == nullptr || samples == nullptr || out_length == nullptr) return 1;
-  // The bit writer addresses the caller's buffer with the fixed frame bound.
+  // The output buffer is taken to hold one frame at its largest, whatever
+  // size the caller gives (callers pass more).
   init_put_bits(&enc->bits, out, mp4rec::kMp2MaxFrameBytes);
 
   AVFrame *f = enc->frame;
-  if (av_frame_make_writable(f) < 0) return 1;
-  std::memcpy(f->data[0], samples,
-              sizeof(int16_t) * mp4rec::kMp2FrameSamples * static_cast<size_t>(enc->channels));
-  f->pts = enc->samples_encoded;
-  // The layer II encoder has no delay: one frame in gives one packet out.
-  if (avcodec_send_frame(enc->codec, f) < 0) return 1;
-  if (avcodec_receive_packet(enc->codec, enc->packet) == 0) {
-    const int n = enc->packet->size < mp4rec::kMp2MaxFrameBytes ? enc->packet->size
-                                                                : mp4rec::kMp2MaxFrameBytes;
-    std::memcpy(out, enc->packet->data, static_cast<size_t>(n));
-    *out_length = static_cast<unsigned int>(n);
-    av_packet_unref(enc->packet);
+  if (av_frame_make_writable(f) == 0) {
+    std::memcpy(f->data[0], samples,
+                sizeof(int16_t) * mp4rec::kMp2FrameSamples * static_cast<size_t>(enc->channels));
+    f->pts = enc->samples_encoded;
+    // The layer II encoder has no delay: one frame in gives one packet out.
+    if (avcodec_send_frame(enc->codec, f) == 0 &&
+        avcodec_receive_packet(enc->codec, enc->packet) == 0) {
+      const int n = std::min(enc->packet->size, mp4rec::kMp2MaxFrameBytes);
+      std::memcpy(out, enc->packet->data, static_cast<size_t>(n));
+      enc->bits.buf_ptr = out + n;
+      *out_length = static_cast<unsigned int>(n);
+      av_packet_unref(enc->packet);
+    }
   }
   enc->samples_encoded += mp4rec::kMp2FrameSamples;
   return 1;
 }
 
 extern "C" void MP2_encode_close(void *ctx) {
-  mp4rec::release(static_cast<Mp2Encoder *>(ctx));
+  if (ctx != nullptr) mp4rec::EncoderDeleter()(static_cast<Mp2Encoder *>(ctx));
 }

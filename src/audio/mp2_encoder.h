@@ -26,4 +26,10 @@ struct Mp2Encoder {
   AVPacket *packet;
 };
 
+// The MPEG version of a layer II sample rate: 0 for MPEG-1, 1 for the MPEG-2
+// low sampling frequencies, -1 for a rate layer II does not know.
+int mp2_lsf_for_rate(int sample_rate);
+// Whether bitrate / 1000 is a layer II bit rate of that version, or 0 (free format).
+bool mp2_bitrate_allowed(int lsf, int bitrate);
+
 }  // namespace mp4rec

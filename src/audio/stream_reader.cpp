@@ -67,10 +67,13 @@ int read_head(FILE *file, const Family &f) {
     return -1;
   }
   SyncScanner scan(f.sync);
-  for (;;) {
+  for (bool first = true;; first = false) {
     if (std::feof(file)) return -1;
     const int c = std::fgetc(file);
     if (c == EOF) {
+      // An empty stream (no audio was recorded) is not an error: stdio only
+      // reports its end once the first read has met it.
+      if (first && std::feof(file)) return -1;
       log_error(f.head_name, __LINE__, f.head_eof);
       return -1;
     }

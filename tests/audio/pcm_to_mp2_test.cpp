@@ -1,0 +1,229 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "audio/pcm_to_mp2.h"
+#include "audio_test_util.h"
+#include "common/internal.h"
+
+namespace {
+
+using audiotest::Bytes;
+using audiotest::numbered_messages;
+
+constexpr const char *kParamError = "mp4:mp2 eocoder:input param error!\n\n";
+constexpr const char *kEncodeError = "mp4:mp2 encode error!\n\n";
+constexpr const char *kWriteError = "mp4:mp2 encode:write file error!\n\n";
+
+struct EncoderCloser {
+  void operator()(void *ctx) const { MP2_encode_close(ctx); }
+};
+using Encoder = std::unique_ptr<void, EncoderCloser>;
+
+using Convert = int (*)(FILE *, unsigned char *, int, void *);
+
+// Runs a converter on a fresh side file; returns its result and the file.
+std::pair<int, Bytes> convert(Convert fn, Bytes pcm, int rate, int bitrate) {
+  testsupport::TempDir dir;
+  const std::string path = dir.file("side.mp2");
+  Encoder enc(MP2_encode_init(rate, bitrate, 1));
+  EXPECT_TRUE(enc);
+  int r;
+  {
+    auto f = audiotest::open_file(path, "wb");
+    r = fn(f.get(), pcm.data(), static_cast<int>(pcm.size()), enc.get());
+  }
+  return {r, testsupport::read_file(path)};
+}
+
+// 16-bit native PCM bytes of the given samples.
+Bytes pcm16_bytes(const std::vector<int16_t> &samples) {
+  Bytes out(samples.size() * 2);
+  std::memcpy(out.data(), samples.data(), out.size());
+  return out;
+}
+
+TEST(PcmToMp2, EightBitSamplesAreWidenedAroundTheCentre) {
+  const struct {
+    uint8_t in;
+    int16_t out;
+  } cases[] = {{0x80, 0}, {0x00, -32768}, {0xFF, 32512}, {0x81, 256}, {0x7F, -256}, {0x40, -16384}};
+  for (const auto &c : cases) EXPECT_EQ(mp4rec::widen_pcm8(c.in), c.out) << int(c.in);
+
+  std::array<uint8_t, 576> in{};
+  for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<uint8_t>(i * 7);
+  std::array<int16_t, 1152> out{};
+  mp4rec::widen_pcm8_block(in, out);
+  for (size_t i = 0; i < in.size(); ++i) {
+    ASSERT_EQ(out[2 * i], mp4rec::widen_pcm8(in[i])) << i;
+    ASSERT_EQ(out[2 * i + 1], out[2 * i]) << i;
+  }
+}
+
+// Through the encoder: 8-bit input gives exactly the frames of the 16-bit
+// input that holds each widened byte twice.
+TEST(PcmToMp2, EightBitInputEncodesAsItsWidenedSamples) {
+  Bytes pcm8(576 * 4);
+  std::vector<int16_t> widened;
+  for (size_t i = 0; i < pcm8.size(); ++i) {
+    pcm8[i] = static_cast<uint8_t>(128 + 100 * std::sin(i * 0.3) + (i % 5));
+    const int16_t s = static_cast<int16_t>((pcm8[i] - 128) * 256);
+    widened.insert(widened.end(), {s, s});
+  }
+  const auto [r8, side8] = convert(mp4_pcm_to_mp2, pcm8, 16000, 64000);
+  const auto [r16, side16] = convert(mp4_pcm_to_mp2_2, pcm16_bytes(widened), 16000, 64000);
+  EXPECT_EQ(r8, 0);
+  EXPECT_EQ(r16, 0);
+  EXPECT_EQ(side8.size(), 4u * 576);
+  EXPECT_EQ(side8, side16);
+}
+
+TEST(PcmToMp2, EachBlockBecomesOneFrame) {
+  const struct {
+    Convert fn;
+    size_t block;
+    int blocks, bitrate;
+    size_t frame;
+  } cases[] = {{mp4_pcm_to_mp2, 576, 2, 64000, 576},
+               {mp4_pcm_to_mp2, 576, 1, 24000, 216},
+               {mp4_pcm_to_mp2_2, 2304, 3, 24000, 216},
+               {mp4_pcm_to_mp2_2, 2304, 1, 64000, 576}};
+  for (const auto &c : cases) {
+    const auto [r, side] = convert(c.fn, Bytes(c.block * c.blocks, 0x80), 16000, c.bitrate);
+    EXPECT_EQ(r, 0);
+    EXPECT_EQ(side.size(), c.frame * c.blocks) << c.block << " x " << c.blocks;
+  }
+}
+
+TEST(PcmToMp2, RefusesBadInputAndWritesNothing) {
+  testsupport::TempDir dir;
+  Encoder enc(MP2_encode_init(16000, 24000, 1));
+  auto f = audiotest::open_file(dir.file("side.mp2"), "wb");
+  Bytes pcm(4608, 0x80);
+  const struct {
+    const char *name;
+    Convert fn;
+    FILE *file;
+    unsigned char *pcm;
+    int len;
+    void *ctx;
+  } cases[] = {
+      {"8-bit, 575 bytes", mp4_pcm_to_mp2, f.get(), pcm.data(), 575, enc.get()},
+      {"8-bit, 0 bytes", mp4_pcm_to_mp2, f.get(), pcm.data(), 0, enc.get()},
+      {"8-bit, -576 bytes", mp4_pcm_to_mp2, f.get(), pcm.data(), -576, enc.get()},
+      {"8-bit, 577 bytes", mp4_pcm_to_mp2, f.get(), pcm.data(), 577, enc.get()},
+      {"8-bit, null file", mp4_pcm_to_mp2, nullptr, pcm.data(), 576, enc.get()},
+      {"8-bit, null pcm", mp4_pcm_to_mp2, f.get(), nullptr, 576, enc.get()},
+      {"16-bit, 2303 bytes", mp4_pcm_to_mp2_2, f.get(), pcm.data(), 2303, enc.get()},
+      {"16-bit, 576 bytes", mp4_pcm_to_mp2_2, f.get(), pcm.data(), 576, enc.get()},
+      {"16-bit, 0 bytes", mp4_pcm_to_mp2_2, f.get(), pcm.data(), 0, enc.get()},
+      {"16-bit, null file", mp4_pcm_to_mp2_2, nullptr, pcm.data(), 2304, enc.get()},
+      {"16-bit, null pcm", mp4_pcm_to_mp2_2, f.get(), nullptr, 2304, enc.get()},
+      {"16-bit, null encoder", mp4_pcm_to_mp2_2, f.get(), pcm.data(), 2304, nullptr},
+  };
+  for (const auto &c : cases) {
+    testsupport::LogCapture log;
+    EXPECT_EQ(c.fn(c.file, c.pcm, c.len, c.ctx), -1) << c.name;
+    const char *function = c.fn == mp4_pcm_to_mp2 ? "mp4_pcm_to_mp2" : "mp4_pcm_to_mp2_2";
+    EXPECT_EQ(numbered_messages(log, kParamError, function), 1) << c.name << "\n" << log.dump();
+    EXPECT_EQ(log.entries().size(), 1u) << c.name;
+  }
+  EXPECT_EQ(std::ftell(f.get()), 0);
+}
+
+// The 8-bit converter does not look at the encoder: without one no frame
+// comes out, which is an encoding error.
+TEST(PcmToMp2, EightBitWithoutEncoderIsAnEncodingError) {
+  testsupport::LogCapture log;
+  const auto [r, side] = convert([](FILE *f, unsigned char *pcm, int len,
+                                    void *) { return mp4_pcm_to_mp2(f, pcm, len, nullptr); },
+                                 Bytes(576, 0x80), 16000, 24000);
+  EXPECT_EQ(r, -1);
+  EXPECT_TRUE(side.empty());
+  EXPECT_EQ(numbered_messages(log, kEncodeError, "mp4_pcm_to_mp2"), 1) << log.dump();
+}
+
+// A side file that fills up: the frames written before stay in it.
+TEST(PcmToMp2, WriteErrorKeepsTheFramesWritten) {
+  const struct {
+    Convert fn;
+    const char *name;
+    size_t block;
+  } cases[] = {{mp4_pcm_to_mp2, "mp4_pcm_to_mp2", 576},
+               {mp4_pcm_to_mp2_2, "mp4_pcm_to_mp2_2", 2304}};
+  for (const auto &c : cases) {
+    Encoder enc(MP2_encode_init(16000, 24000, 1));
+    std::array<char, 300> mem{};
+    audiotest::File f(fmemopen(mem.data(), mem.size(), "w"));
+    ASSERT_TRUE(f);
+    std::setvbuf(f.get(), nullptr, _IONBF, 0);
+    Bytes pcm(c.block * 3, 0x80);
+    testsupport::LogCapture log;
+    EXPECT_EQ(c.fn(f.get(), pcm.data(), static_cast<int>(pcm.size()), enc.get()), -1);
+    EXPECT_EQ(numbered_messages(log, kWriteError, c.name), 1) << log.dump();
+    EXPECT_EQ(static_cast<uint8_t>(mem[0]), 0xFF);
+    EXPECT_EQ(static_cast<uint8_t>(mem[1]), 0xF5);
+  }
+}
+
+// The side file of a 1 kHz tone at the H.264 recorder's setting: ffprobe reads
+// it as MP2, 16000 Hz, mono, one frame per 2304 bytes of input, and the
+// decoded signal is still a 1 kHz tone.
+TEST(PcmToMp2, SineSideFileDecodesAsTheTone) {
+  Bytes pcm = testsupport::read_file(testsupport::pcm16_stream(16000, 2.304));
+  pcm.resize(pcm.size() / 2304 * 2304);
+  ASSERT_EQ(pcm.size() / 2304, 32u);
+  testsupport::TempDir dir;
+  const std::string path = dir.file("side.mp2");
+  {
+    Encoder enc(MP2_encode_init(16000, 24000, 1));
+    auto f = audiotest::open_file(path, "wb");
+    // As a host delivers it: a few blocks per call.
+    for (size_t pos = 0; pos < pcm.size(); pos += 4 * 2304) {
+      const int len = static_cast<int>(std::min<size_t>(4 * 2304, pcm.size() - pos));
+      ASSERT_EQ(mp4_pcm_to_mp2_2(f.get(), pcm.data() + pos, len, enc.get()), 0);
+    }
+  }
+  EXPECT_EQ(testsupport::read_file(path).size(), 32u * 216);
+  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "codec_name"), "mp2");
+  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "sample_rate"), "16000");
+  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "channels"), "1");
+  EXPECT_EQ(testsupport::ffprobe_frames(path, "a"), 32);
+  EXPECT_EQ(testsupport::ffmpeg_decode_errors(path), "");
+  const auto decoded = audiotest::decode_s16(path);
+  EXPECT_EQ(decoded.size(), 32u * 1152);
+  EXPECT_EQ(audiotest::dominant_frequency(decoded, 16000), 1000);
+}
+
+// The same tone as 8-bit PCM at the MJPEG recorder's setting (64 kbit/s).
+// Each byte fills two samples, so the 8-bit input is the tone at 8000 Hz.
+TEST(PcmToMp2, EightBitSineDecodesAsTheTone) {
+  const Bytes pcm16 = testsupport::read_file(testsupport::pcm16_stream(16000, 2.304));
+  Bytes pcm8(pcm16.size() / 4 / 576 * 576);
+  ASSERT_EQ(pcm8.size() / 576, 32u);
+  for (size_t i = 0; i < pcm8.size(); ++i) {
+    const auto s = static_cast<int16_t>(pcm16[4 * i] | pcm16[4 * i + 1] << 8);
+    pcm8[i] = static_cast<uint8_t>((s >> 8) + 128);
+  }
+  testsupport::TempDir dir;
+  const std::string path = dir.file("side.mp2");
+  {
+    Encoder enc(MP2_encode_init(16000, 64000, 1));
+    auto f = audiotest::open_file(path, "wb");
+    ASSERT_EQ(mp4_pcm_to_mp2(f.get(), pcm8.data(), static_cast<int>(pcm8.size()), enc.get()), 0);
+  }
+  EXPECT_EQ(testsupport::read_file(path).size(), 32u * 576);
+  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "codec_name"), "mp2");
+  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "sample_rate"), "16000");
+  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "channels"), "1");
+  EXPECT_EQ(testsupport::ffprobe_frames(path, "a"), 32);
+  EXPECT_EQ(testsupport::ffmpeg_decode_errors(path), "");
+  EXPECT_EQ(audiotest::dominant_frequency(audiotest::decode_s16(path), 16000), 1000);
+}
+
+}  // namespace
