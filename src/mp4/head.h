@@ -1,0 +1,29 @@
+// Sizes and constants of the front-index file head, shared by the head writer,
+// the in-place index update and the tests.
+#pragma once
+
+#include <cstdint>
+
+namespace mp4rec {
+
+// The 50 ms that every duration adds for the newest sample.
+inline constexpr uint32_t kDurationPadMs = 50;
+// Zero bytes reserved inside avcC for the decoder configuration.
+inline constexpr uint32_t kAvcCReserve = 512;
+// Start of the reserved avcC content until the real configuration is known:
+// a decoder configuration with no parameter sets (version 1, the fixed profile
+// and level bytes, 4-byte lengths, 0 SPS, 0 PPS), followed by zeros, so that
+// readers of a file without video yet find a well-formed empty record.
+inline constexpr uint8_t kEmptyAvcConfig[7] = {0x01, 0x4D, 0x40, 0x1F, 0xFF, 0xE0, 0x00};
+
+// Largest reserved moov that the head writer accepts: file offsets are 32-bit
+// and positions signed, and the samples still have to fit behind it.
+inline constexpr uint64_t kMaxReservedMoov = 512u << 20;
+
+// Size of the reserved moov for the given capacities: 1577 + S + 32 Nv + 8 n +
+// 20 Na, S = 87 for MPEG-1 audio and 91 for AAC, n = Na with time-stamped
+// audio, else 1.
+uint64_t reserved_moov_size(uint32_t audio_format, bool audio_time_stamps, uint64_t video_frames,
+                            uint64_t audio_frames);
+
+}  // namespace mp4rec
