@@ -1,0 +1,20 @@
+// Helpers shared by the tool tests: files muxed by ffmpeg and the tool's binary.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "support/media.h"
+
+namespace tooltest {
+
+// An MP4 of H.264 + AAC muxed by ffmpeg (`faststart`: index in front), cached.
+std::string ffmpeg_mp4(bool faststart);
+
+// Runs the mp4rec binary with the arguments (shell words); stdout and stderr together.
+testsupport::CommandResult run_tool(const std::string &args, const std::string &env = "");
+
+// Bytes of a file, cut to `n`.
+void truncate_copy(const std::string &from, const std::string &to, size_t n);
+
+}  // namespace tooltest

@@ -1,0 +1,17 @@
+// Decides whether the last picture of an H.264 stream is whole, by decoding
+// its group of pictures with libavcodec: a stream cut inside a picture leaves
+// a slice whose data runs out before its last macroblock.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace mp4tool {
+
+// `gop`: access units (Annex B) from an IDR picture to the end of the stream.
+// Returns an empty string when the last one decodes cleanly, else what the
+// decoder reported.
+std::string last_picture_error(const std::vector<std::vector<uint8_t>> &gop);
+
+}  // namespace mp4tool
