@@ -1,0 +1,468 @@
+// The in-place index update: node lists built here stand for the batches that
+// the writer thread flushes; the data bytes are written by the test.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "front_index_support.h"
+#include "mp4/head.h"
+#include "support/box_reader.h"
+#include "support/log_capture.h"
+#include "support/media.h"
+
+namespace {
+
+using fitest::audio_batch;
+using fitest::HandlePtr;
+using fitest::InfoSpec;
+using fitest::video_batch;
+using testsupport::BoxFile;
+using Entries = std::vector<std::pair<uint32_t, uint32_t>>;
+
+constexpr const char *kV = "moov/trak[0]/mdia/minf/stbl/";
+constexpr const char *kA = "moov/trak[1]/mdia/minf/stbl/";
+
+// A head in a temporary directory, and the writer thread's side of a batch:
+// the bytes go to the end of the file, then the index is updated.
+struct Recording {
+  testsupport::TempDir dir;
+  std::string path = dir.file("rec.mp4");
+  HandlePtr h;
+
+  explicit Recording(const InfoSpec &spec = {}, int audio_format = 1) {
+    auto info = fitest::make_info(spec);
+    h.reset(mp4_write_head_h264_index(path.c_str(), dir.file("rec.mp2").c_str(), 320, 240,
+                                      audio_format, info.get()));
+  }
+  uint32_t data_start() const { return h->mdatPos + 8; }
+
+  // Accepts and writes a batch of `bytes` filler, then updates the index.
+  template <typename Node>
+  int flush(int track, const fitest::NodeList<Node> &batch) {
+    uint32_t bytes = 0;
+    for (const auto &n : batch.nodes) bytes += n->size;
+    accept(track, batch);
+    std::vector<uint8_t> fill(bytes, 0xAB);
+    EXPECT_EQ(std::fwrite(fill.data(), 1, fill.size(), h->file), fill.size());
+    return mp4_write_moov_update_buffer(track, batch.head(), batch.tail(), h.get(), bytes);
+  }
+  // What the sample intake counts for a batch.
+  template <typename Node>
+  void accept(int track, const fitest::NodeList<Node> &batch) {
+    for (const auto &n : batch.nodes) {
+      h->mediaBytes.fetch_add(n->size);
+      (track == 1 ? h->videoCount : h->audioCount).fetch_add(1);
+    }
+  }
+  BoxFile read() {
+    std::fflush(h->file);
+    return BoxFile(path);
+  }
+};
+
+uint32_t duration_at(const BoxFile &f, const std::string &box, uint32_t plus) {
+  return f.u32(f.at(box).offset + plus);
+}
+struct Durations {
+  uint32_t tkhd, elst, mdhd, mvhd;
+};
+Durations video_durations(const BoxFile &f) {
+  return {duration_at(f, "moov/trak[0]/tkhd", 28), duration_at(f, "moov/trak[0]/edts/elst", 16),
+          duration_at(f, "moov/trak[0]/mdia/mdhd", 24), duration_at(f, "moov/mvhd", 24)};
+}
+
+TEST(IndexUpdate, FirstVideoBatchAndASecondOne) {
+  Recording rec;
+  ASSERT_TRUE(rec.h);
+  const uint32_t d0 = rec.data_start();
+  auto first = video_batch({1000, 1040, 1080}, 100, {1, 0, 0});
+  ASSERT_EQ(rec.flush(1, first), 0);
+  EXPECT_EQ(mp4_ftell(rec.h->file), static_cast<int>(d0 + 300)) << "position restored";
+  {
+    const BoxFile f = rec.read();
+    EXPECT_EQ(f.stts(f.at(std::string(kV) + "stts")), (Entries{{1, 40}, {1, 40}, {1, 50}}));
+    const auto d = video_durations(f);
+    EXPECT_EQ(d.tkhd, 130u);
+    EXPECT_EQ(d.elst, 130u);
+    EXPECT_EQ(d.mdhd, 130u);
+    EXPECT_EQ(d.mvhd, 130u);
+    EXPECT_EQ(f.stss(f.at(std::string(kV) + "stss")), std::vector<uint32_t>{1});
+    EXPECT_EQ(f.stsc(f.at(std::string(kV) + "stsc")), (std::vector<BoxFile::Stsc>{{1, 3, 1}}));
+    EXPECT_EQ(f.stsz(f.at(std::string(kV) + "stsz")), (std::vector<uint32_t>{100, 100, 100}));
+    EXPECT_EQ(f.stco(f.at(std::string(kV) + "stco")), std::vector<uint32_t>{d0});
+    EXPECT_EQ(f.u32(rec.h->mdatPos), 308u);  // mediaBytes + 8
+  }
+  EXPECT_EQ(rec.h->updatePos->firstVideoTs, 1000u);
+  EXPECT_EQ(rec.h->updatePos->lastVideoTs, 1080u);
+
+  auto second = video_batch({1120}, 60, {1});
+  ASSERT_EQ(rec.flush(1, second), 0);
+  const BoxFile f = rec.read();
+  EXPECT_EQ(f.stts(f.at(std::string(kV) + "stts")), (Entries{{1, 40}, {1, 40}, {1, 40}, {1, 50}}));
+  EXPECT_EQ(video_durations(f).tkhd, 170u);
+  EXPECT_EQ(video_durations(f).mvhd, 170u);
+  EXPECT_EQ(f.stss(f.at(std::string(kV) + "stss")), (std::vector<uint32_t>{1, 4}));
+  EXPECT_EQ(f.stsc(f.at(std::string(kV) + "stsc")),
+            (std::vector<BoxFile::Stsc>{{1, 3, 1}, {2, 1, 1}}));
+  EXPECT_EQ(f.stco(f.at(std::string(kV) + "stco")), (std::vector<uint32_t>{d0, d0 + 300}));
+  EXPECT_EQ(rec.h->updatePos->videoPos[kVChunkOffset], d0 + 300);
+  EXPECT_EQ(rec.h->updatePos->dataPos, d0 + 360);
+  EXPECT_EQ(f.u32(rec.h->mdatPos), 368u);
+  EXPECT_EQ(rec.h->videoSampleNumber, 4u);
+}
+
+TEST(IndexUpdate, OneChunkPerBatchInBothModesOfPreallocation) {
+  for (int prealloc : {0, 1}) {
+    SCOPED_TRACE(prealloc);
+    Recording rec({.video_prealloc = prealloc, .audio_prealloc = prealloc});
+    ASSERT_TRUE(rec.h);
+    const uint32_t d0 = rec.data_start();
+    uint32_t ts = 0;
+    auto stamps = [&](int n) {
+      std::vector<uint32_t> v;
+      for (int i = 0; i < n; ++i) v.push_back(ts += 40);
+      return v;
+    };
+    auto b1 = video_batch(stamps(5), 10, {1});
+    auto b2 = video_batch(stamps(5), 20, {1});
+    auto b3 = video_batch(stamps(3), 30);
+    for (auto *b : {&b1, &b2, &b3}) ASSERT_EQ(rec.flush(1, *b), 0);
+    const BoxFile f = rec.read();
+    EXPECT_EQ(f.stsc(f.at(std::string(kV) + "stsc")),
+              (std::vector<BoxFile::Stsc>{{1, 5, 1}, {2, 5, 1}, {3, 3, 1}}));
+    EXPECT_EQ(f.stco(f.at(std::string(kV) + "stco")),
+              (std::vector<uint32_t>{d0, d0 + 50, d0 + 150}));
+    EXPECT_EQ(f.stss(f.at(std::string(kV) + "stss")), (std::vector<uint32_t>{1, 6}));
+    EXPECT_EQ(f.entry_count(f.at(std::string(kV) + "stts")), 13u);
+    EXPECT_EQ(f.entry_count(f.at(std::string(kV) + "stsz")), 13u);
+    EXPECT_EQ(video_durations(f).tkhd, 13 * 40 - 40 + 50u);
+  }
+}
+
+TEST(IndexUpdate, AudioWithoutTimeStamps) {
+  Recording rec({.time_stamps = 0});
+  ASSERT_TRUE(rec.h);
+  const uint32_t d0 = rec.data_start();
+  for (int b = 0; b < 4; ++b) {
+    auto batch = audio_batch(std::vector<uint32_t>(25, 0), 48 + b);
+    ASSERT_EQ(rec.flush(2, batch), 0);
+  }
+  const BoxFile f = rec.read();
+  EXPECT_EQ(f.stts(f.at(std::string(kA) + "stts")), (Entries{{100, 1152}}));
+  EXPECT_EQ(duration_at(f, "moov/trak[1]/tkhd", 28), 7200u);
+  EXPECT_EQ(duration_at(f, "moov/trak[1]/mdia/mdhd", 24), 7200u);
+  EXPECT_EQ(duration_at(f, "moov/mvhd", 24), 7200u);
+  const auto sizes = f.stsz(f.at(std::string(kA) + "stsz"));
+  ASSERT_EQ(sizes.size(), 100u);
+  EXPECT_EQ(sizes.front(), 48u);
+  EXPECT_EQ(sizes.back(), 51u);
+  EXPECT_EQ(f.stsc(f.at(std::string(kA) + "stsc")).size(), 4u);
+  EXPECT_EQ(f.stco(f.at(std::string(kA) + "stco")),
+            (std::vector<uint32_t>{d0, d0 + 1200, d0 + 2425, d0 + 3675}));
+}
+
+TEST(IndexUpdate, AudioStszCountFollowsTheFramesAccepted) {
+  Recording rec;
+  ASSERT_TRUE(rec.h);
+  auto batch = audio_batch({0, 0}, 40);
+  rec.h->audioCount.store(7);  // five more frames still wait in the buffer
+  ASSERT_EQ(rec.flush(2, batch), 0);
+  const BoxFile f = rec.read();
+  EXPECT_EQ(f.entry_count(f.at(std::string(kA) + "stsz")), 9u);
+  EXPECT_EQ(f.stts(f.at(std::string(kA) + "stts")), (Entries{{9, 1152}}));
+}
+
+TEST(IndexUpdate, TimeStampedAudioInSampleUnits) {
+  Recording rec({.time_stamps = 1}, 3);
+  ASSERT_TRUE(rec.h);
+  auto first = audio_batch({500, 564, 628});
+  ASSERT_EQ(rec.flush(2, first), 0);
+  auto second = audio_batch({692});
+  ASSERT_EQ(rec.flush(2, second), 0);
+  const BoxFile f = rec.read();
+  // 64 ms at 16000 Hz are 1024 samples; the newest frame gets 50 ms (800).
+  EXPECT_EQ(f.stts(f.at(std::string(kA) + "stts")),
+            (Entries{{1, 1024}, {1, 1024}, {1, 1024}, {1, 800}}));
+  EXPECT_EQ(duration_at(f, "moov/trak[1]/tkhd", 28), 692 - 500 + 50u);
+  EXPECT_EQ(duration_at(f, "moov/mvhd", 24), 692 - 500 + 50u);
+}
+
+TEST(IndexUpdate, BackwardTimeStampGivesAHugeUnsignedDelta) {
+  Recording rec;
+  ASSERT_TRUE(rec.h);
+  auto batch = video_batch({2000, 1990}, 10);
+  ASSERT_EQ(rec.flush(1, batch), 0);
+  const BoxFile f = rec.read();
+  EXPECT_EQ(f.stts(f.at(std::string(kV) + "stts")), (Entries{{1, 0xFFFFFFF6u}, {1, 50}}));
+}
+
+TEST(IndexUpdate, MovieDurationIsTheLongerTrack) {
+  Recording rec;
+  ASSERT_TRUE(rec.h);
+  auto video = video_batch({0, 40}, 10);
+  ASSERT_EQ(rec.flush(1, video), 0);
+  auto audio = audio_batch(std::vector<uint32_t>(3, 0));
+  ASSERT_EQ(rec.flush(2, audio), 0);  // 3 x 72 ms
+  EXPECT_EQ(rec.h->maxDuration, 216u);
+  auto more = video_batch({80}, 10);
+  ASSERT_EQ(rec.flush(1, more), 0);  // video 130 ms: shorter, mvhd keeps 216
+  const BoxFile f = rec.read();
+  EXPECT_EQ(duration_at(f, "moov/mvhd", 24), 216u);
+  EXPECT_EQ(video_durations(f).tkhd, 130u);
+  // Video and audio chunks interleave in the order of the calls.
+  const uint32_t d0 = rec.data_start();
+  EXPECT_EQ(f.stco(f.at(std::string(kV) + "stco")), (std::vector<uint32_t>{d0, d0 + 170}));
+  EXPECT_EQ(f.stco(f.at(std::string(kA) + "stco")), std::vector<uint32_t>{d0 + 20});
+}
+
+TEST(IndexUpdate, DecoderConfigurationIsWrittenOnceWhenSpsAndPpsAreKnown) {
+  Recording rec;
+  ASSERT_TRUE(rec.h);
+  const std::string avcc = std::string(kV) + "stsd/avc1/avcC";
+  auto early = video_batch({0}, 10);
+  ASSERT_EQ(rec.flush(1, early), 0);
+  EXPECT_EQ(rec.read().at(avcc).size, 520u) << "no SPS/PPS yet";
+
+  const std::vector<uint8_t> sps = {0x67, 0x4D, 0x40, 0x1F, 0xE8, 0x80}, pps = {0x68, 0xEE, 0x3C};
+  rec.h->sps = static_cast<uint8_t *>(std::malloc(sps.size()));
+  std::memcpy(rec.h->sps, sps.data(), sps.size());
+  rec.h->spsLen = static_cast<uint32_t>(sps.size());
+  auto audio = audio_batch({0});
+  ASSERT_EQ(rec.flush(2, audio), 0);
+  EXPECT_EQ(rec.read().at(avcc).size, 520u) << "no PPS yet, and audio never writes it";
+
+  rec.h->pps = static_cast<uint8_t *>(std::malloc(pps.size()));
+  std::memcpy(rec.h->pps, pps.data(), pps.size());
+  rec.h->ppsLen = static_cast<uint32_t>(pps.size());
+  auto next = video_batch({40}, 10);
+  ASSERT_EQ(rec.flush(1, next), 0);
+  BoxFile f = rec.read();
+  const auto &box = f.at(avcc);
+  EXPECT_EQ(box.size, 8u + 11 + 6 + 3);
+  std::vector<uint8_t> expect = {0x01, 0x4D, 0x40, 0x1F, 0xFF, 0xE1, 0x00, 0x06};
+  expect.insert(expect.end(), sps.begin(), sps.end());
+  expect.insert(expect.end(), {0x01, 0x00, 0x03});
+  expect.insert(expect.end(), pps.begin(), pps.end());
+  EXPECT_EQ(f.slice(box.offset + 8, expect.size()), expect);
+  EXPECT_EQ(f.at(std::string(kV) + "stsd/avc1").size, 606u) << "the reserve stays in avc1";
+  EXPECT_EQ(rec.h->updatePos->videoPos[kVAvcCDataEnd], box.offset + box.size);
+
+  // A later SPS is not written: the first configuration stays.
+  rec.h->sps[3] = 0x28;
+  auto later = video_batch({80}, 10);
+  ASSERT_EQ(rec.flush(1, later), 0);
+  f = rec.read();
+  EXPECT_EQ(f.slice(f.at(avcc).offset + 8, expect.size()), expect);
+}
+
+TEST(IndexUpdate, OversizedParameterSetsAreRefusedWithoutOverwritingTheTables) {
+  Recording rec;
+  ASSERT_TRUE(rec.h);
+  rec.h->sps = static_cast<uint8_t *>(std::calloc(400, 1));
+  rec.h->spsLen = 400;
+  rec.h->pps = static_cast<uint8_t *>(std::calloc(150, 1));
+  rec.h->ppsLen = 150;
+  testsupport::LogCapture log;
+  auto batch = video_batch({0, 40}, 10);
+  EXPECT_NE(rec.flush(1, batch), 0);
+  EXPECT_TRUE(log.has("mp4 write index : write video stsd error\n", 3, 37)) << log.dump();
+  const BoxFile f = rec.read();
+  EXPECT_EQ(f.at(std::string(kV) + "stsd/avc1/avcC").size, 520u);
+  EXPECT_EQ(f.stts(f.at(std::string(kV) + "stts")), (Entries{{1, 40}, {1, 50}}));
+}
+
+TEST(IndexUpdate, OtherTracksPatchOnlyMdatAndMvhd) {
+  Recording rec;
+  ASSERT_TRUE(rec.h);
+  auto batch = video_batch({0}, 10);
+  rec.h->mediaBytes.store(1234);
+  EXPECT_EQ(mp4_write_moov_update_buffer(3, batch.head(), batch.tail(), rec.h.get(), 10), 0);
+  const BoxFile f = rec.read();
+  EXPECT_EQ(f.u32(rec.h->mdatPos), 1242u);
+  EXPECT_EQ(duration_at(f, "moov/mvhd", 24), 0u);  // maxDuration so far
+  EXPECT_EQ(f.entry_count(f.at(std::string(kV) + "stts")), 0u);
+}
+
+TEST(IndexUpdate, BadArgumentsAreRefusedWithTheirMessages) {
+  Recording rec;
+  ASSERT_TRUE(rec.h);
+  auto batch = video_batch({0}, 10);
+  struct Case {
+    const char *message;
+    void *head, *tail;
+    mp4_handle *handle;
+  };
+  const Case cases[] = {
+      {"mp4 write index : mov == NULL\n", batch.head(), batch.tail(), nullptr},
+      {"mp4 write index : param error\n", nullptr, batch.tail(), rec.h.get()},
+      {"mp4 write index : param error\n", batch.head(), nullptr, rec.h.get()},
+  };
+  for (const auto &c : cases) {
+    testsupport::LogCapture log;
+    EXPECT_EQ(mp4_write_moov_update_buffer(1, c.head, c.tail, c.handle, 10), -1);
+    const auto e = log.find(c.message);
+    EXPECT_EQ(e.text, c.message) << log.dump();
+    EXPECT_EQ(e.function, "mp4_write_moov_update_buffer");
+    EXPECT_EQ(e.level, 3);
+    EXPECT_EQ(e.module, 37);
+  }
+  uint32_t *audio_table = rec.h->updatePos->audioPos;
+  rec.h->updatePos->audioPos = nullptr;
+  testsupport::LogCapture log;
+  EXPECT_EQ(mp4_write_moov_update_buffer(1, batch.head(), batch.tail(), rec.h.get(), 10), -1);
+  EXPECT_TRUE(log.has("mp4 write index : param error\n"));
+  rec.h->updatePos->audioPos = audio_table;
+}
+
+TEST(IndexUpdate, FailedWritesLogEveryStepAndCarryOn) {
+  Recording rec;
+  ASSERT_TRUE(rec.h);
+  // The file can be positioned but not written.
+  std::fclose(rec.h->file);
+  rec.h->file = std::fopen(rec.path.c_str(), "rb");
+  ASSERT_NE(rec.h->file, nullptr);
+  std::fseek(rec.h->file, 0, SEEK_END);
+  auto batch = video_batch({0, 40}, 10);
+  rec.accept(1, batch);
+  testsupport::LogCapture log;
+  EXPECT_NE(mp4_write_moov_update_buffer(1, batch.head(), batch.tail(), rec.h.get(), 20), 0);
+  std::vector<std::string> texts;
+  for (const auto &e : log.entries()) texts.push_back(e.text);
+  const std::vector<std::string> expect = {
+      "mp4 write index : write video thkd error\n", "mp4 write index : write video edts error\n",
+      "mp4 write index : write video mdhd error\n", "mp4 write index : write video stsd error\n",
+      "mp4 write index : write video stts error\n", "mp4 write index : write video stss error\n",
+      "mp4 write index : write video stsc error\n", "mp4 write index : write video stsz error\n",
+      "mp4 write index : write video stco error\n"};
+  EXPECT_EQ(texts, expect);
+  // The steps still moved on: the batch counts as entered.
+  EXPECT_EQ(rec.h->videoSampleNumber, 2u);
+  EXPECT_EQ(rec.h->updatePos->dataPos, rec.data_start() + 20);
+
+  auto audio = audio_batch({0});
+  testsupport::LogCapture audio_log;
+  EXPECT_NE(mp4_write_moov_update_buffer(2, audio.head(), audio.tail(), rec.h.get(), 50), 0);
+  EXPECT_EQ(audio_log.entries().size(), 6u) << audio_log.dump();
+  EXPECT_TRUE(audio_log.has("mp4 write index : write audio thkd error\n"));
+  EXPECT_TRUE(audio_log.has("mp4 write index : write audio stco error\n"));
+}
+
+// ---- a whole file from real streams ------------------------------------------
+
+struct Stream {
+  std::vector<std::vector<uint8_t>> pictures;  // NAL payloads of picture slices
+  std::vector<int> types;                      // 1 for IDR
+  std::vector<uint8_t> sps, pps;
+  std::vector<std::vector<uint8_t>> aac;  // raw AAC frames (ADTS header removed)
+};
+
+Stream load_streams() {
+  Stream s;
+  const auto nals = testsupport::split_annexb(
+      testsupport::read_file(testsupport::h264_stream(320, 240, 25, 2.0, 25)));
+  for (const auto &n : nals) {
+    std::vector<uint8_t> payload(n.bytes.begin() + n.start_code, n.bytes.end());
+    switch (n.type()) {
+      case 7:
+        if (s.sps.empty()) s.sps = payload;
+        break;
+      case 8:
+        if (s.pps.empty()) s.pps = payload;
+        break;
+      case 1:
+      case 5:
+        s.pictures.push_back(payload);
+        s.types.push_back(n.type() == 5 ? 1 : 0);
+        break;
+      default:
+        break;
+    }
+  }
+  for (const auto &f :
+       testsupport::split_adts(testsupport::read_file(testsupport::aac_stream(16000, 2.0)))) {
+    s.aac.emplace_back(f.begin() + 7, f.end());
+  }
+  return s;
+}
+
+uint8_t *heap_copy(const std::vector<uint8_t> &v) {
+  auto *p = static_cast<uint8_t *>(std::malloc(v.size()));
+  std::memcpy(p, v.data(), v.size());
+  return p;
+}
+
+TEST(IndexUpdate, FileOfRealSamplesDecodesCleanlyAfterEveryBatch) {
+  const Stream s = load_streams();
+  ASSERT_EQ(s.pictures.size(), 50u);
+  ASSERT_GT(s.aac.size(), 20u);
+  for (const auto [prealloc, stamps] : {std::pair{0, 0}, std::pair{1, 1}}) {
+    SCOPED_TRACE("prealloc " + std::to_string(prealloc) + " stamps " + std::to_string(stamps));
+    Recording rec({.seconds = 5,
+                   .time_stamps = stamps,
+                   .video_prealloc = prealloc,
+                   .audio_prealloc = prealloc},
+                  3);
+    ASSERT_TRUE(rec.h);
+    rec.h->sps = heap_copy(s.sps);
+    rec.h->spsLen = static_cast<uint32_t>(s.sps.size());
+    rec.h->pps = heap_copy(s.pps);
+    rec.h->ppsLen = static_cast<uint32_t>(s.pps.size());
+
+    size_t v = 0, a = 0;
+    int batches = 0;
+    while (v < s.pictures.size() || a < s.aac.size()) {
+      // Video batches of 7 pictures, each a 4-byte length and the payload.
+      fitest::NodeList<videoNode> video;
+      std::vector<uint8_t> bytes;
+      for (int i = 0; i < 7 && v < s.pictures.size(); ++i, ++v) {
+        videoNode &n = video.add();
+        const auto &p = s.pictures[v];
+        n.type = s.types[v];
+        n.size = static_cast<uint32_t>(p.size() + 4);
+        n.timeStamp = static_cast<uint32_t>(v * 40);
+        const uint32_t len = static_cast<uint32_t>(p.size());
+        bytes.insert(bytes.end(),
+                     {uint8_t(len >> 24), uint8_t(len >> 16), uint8_t(len >> 8), uint8_t(len)});
+        bytes.insert(bytes.end(), p.begin(), p.end());
+      }
+      if (!video.nodes.empty()) {
+        rec.accept(1, video);
+        ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), rec.h->file), bytes.size());
+        ASSERT_EQ(mp4_write_moov_update_buffer(1, video.head(), video.tail(), rec.h.get(),
+                                               static_cast<uint32_t>(bytes.size())),
+                  0);
+      }
+      // Audio batches of 5 frames of 64 ms.
+      fitest::NodeList<audioNode> audio;
+      bytes.clear();
+      for (int i = 0; i < 5 && a < s.aac.size(); ++i, ++a) {
+        audioNode &n = audio.add();
+        n.size = static_cast<uint32_t>(s.aac[a].size());
+        n.timeStamp = static_cast<uint32_t>(a * 64);
+        bytes.insert(bytes.end(), s.aac[a].begin(), s.aac[a].end());
+      }
+      if (!audio.nodes.empty()) {
+        rec.accept(2, audio);
+        ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), rec.h->file), bytes.size());
+        ASSERT_EQ(mp4_write_moov_update_buffer(2, audio.head(), audio.tail(), rec.h.get(),
+                                               static_cast<uint32_t>(bytes.size())),
+                  0);
+      }
+      std::fflush(rec.h->file);
+      if (++batches == 2) {
+        // The file is playable while still being written.
+        EXPECT_EQ(testsupport::ffmpeg_decode_errors(rec.path), "");
+        EXPECT_EQ(testsupport::ffprobe_frames(rec.path, "v"), 14);
+      }
+    }
+    rec.h.reset();
+    EXPECT_EQ(testsupport::ffmpeg_decode_errors(rec.path), "");
+    EXPECT_EQ(testsupport::ffprobe_frames(rec.path, "v"), 50);
+    EXPECT_EQ(testsupport::ffprobe_frames(rec.path, "a"), static_cast<long>(s.aac.size()));
+    EXPECT_EQ(testsupport::ffprobe_stream_field(rec.path, "v", "width"), "320");
+  }
+}
+
+}  // namespace
