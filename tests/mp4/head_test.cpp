@@ -150,7 +150,10 @@ TEST(Head, FieldValuesOfAnEmptyFile) {
   EXPECT_EQ(f.str(f.at("moov/trak[1]/mdia/hdlr").offset + 16, 4), "soun");
   EXPECT_NE(f.find("moov/trak[1]/mdia/minf/smhd"), nullptr);
   EXPECT_EQ(f.find("moov/trak[1]/edts"), nullptr);
-  EXPECT_NE(f.find("moov/udta/meta/ilst/\xA9too/data"), nullptr);
+  EXPECT_EQ(f.str(f.at("moov/trak[1]/mdia/hdlr").offset + 32, 22),
+            std::string(mp4rec::box::kHandlerName));
+  EXPECT_EQ(f.str(f.at("moov/udta/meta/ilst/\xA9too/data").offset + 16, 36),
+            std::string(mp4rec::box::kToolText));
 
   const auto &avc1 = f.at(vbox("stsd/avc1"));
   EXPECT_EQ(f.at(vbox("stsd")).size, 622u);
