@@ -36,17 +36,6 @@ Bytes reference(const Bits &bits) {
   return out;
 }
 
-TEST(BitWriter, InitSetsEmptyAccumulator) {
-  std::array<uint8_t, 16> buf{};
-  mp4_bit_writer w{0xDEADBEEF, 7, nullptr, nullptr, nullptr};
-  init_put_bits(&w, buf.data(), 16);
-  EXPECT_EQ(w.buf, buf.data());
-  EXPECT_EQ(w.buf_ptr, buf.data());
-  EXPECT_EQ(w.buf_end, buf.data() + 16);
-  EXPECT_EQ(w.bit_left, 32);
-  EXPECT_EQ(w.bit_buf, 0u);
-}
-
 TEST(BitWriter, WritesMsbFirstAndPadsTheLastByte) {
   const struct {
     const char *name;

@@ -68,7 +68,7 @@ TEST(PcmToMp2, EightBitSamplesAreWidenedAroundTheCentre) {
 // Through the encoder: 8-bit input gives exactly the frames of the 16-bit
 // input that holds each widened byte twice.
 TEST(PcmToMp2, EightBitInputEncodesAsItsWidenedSamples) {
-  Bytes pcm8(576 * 4);
+  Bytes pcm8(1152);  // two frames
   std::vector<int16_t> widened;
   for (size_t i = 0; i < pcm8.size(); ++i) {
     pcm8[i] = static_cast<uint8_t>(128 + 100 * std::sin(i * 0.3) + (i % 5));
@@ -79,25 +79,8 @@ TEST(PcmToMp2, EightBitInputEncodesAsItsWidenedSamples) {
   const auto [r16, side16] = convert(mp4_pcm_to_mp2_2, pcm16_bytes(widened), 16000, 64000);
   EXPECT_EQ(r8, 0);
   EXPECT_EQ(r16, 0);
-  EXPECT_EQ(side8.size(), 4u * 576);
+  EXPECT_EQ(side8.size(), 2u * 576);
   EXPECT_EQ(side8, side16);
-}
-
-TEST(PcmToMp2, EachBlockBecomesOneFrame) {
-  const struct {
-    Convert fn;
-    size_t block;
-    int blocks, bitrate;
-    size_t frame;
-  } cases[] = {{mp4_pcm_to_mp2, 576, 2, 64000, 576},
-               {mp4_pcm_to_mp2, 576, 1, 24000, 216},
-               {mp4_pcm_to_mp2_2, 2304, 3, 24000, 216},
-               {mp4_pcm_to_mp2_2, 2304, 1, 64000, 576}};
-  for (const auto &c : cases) {
-    const auto [r, side] = convert(c.fn, Bytes(c.block * c.blocks, 0x80), 16000, c.bitrate);
-    EXPECT_EQ(r, 0);
-    EXPECT_EQ(side.size(), c.frame * c.blocks) << c.block << " x " << c.blocks;
-  }
 }
 
 TEST(PcmToMp2, RefusesBadInputAndWritesNothing) {
@@ -171,59 +154,58 @@ TEST(PcmToMp2, WriteErrorKeepsTheFramesWritten) {
   }
 }
 
-// The side file of a 1 kHz tone at the H.264 recorder's setting: ffprobe reads
-// it as MP2, 16000 Hz, mono, one frame per 2304 bytes of input, and the
-// decoded signal is still a 1 kHz tone.
+// The side file of a 1 kHz tone at both recorder settings (H.264 files: 16-bit
+// input, 24 kbit/s; MJPEG files: 8-bit input, 64 kbit/s): ffprobe reads it as
+// MP2, 16000 Hz, mono, one frame per block, it decodes to a 1 kHz tone, and
+// the reader cuts it back into the frames written.
+// The 8-bit input holds every other sample, as each byte fills two.
 TEST(PcmToMp2, SineSideFileDecodesAsTheTone) {
-  Bytes pcm = testsupport::read_file(testsupport::pcm16_stream(16000, 2.304));
-  pcm.resize(pcm.size() / 2304 * 2304);
-  ASSERT_EQ(pcm.size() / 2304, 32u);
-  testsupport::TempDir dir;
-  const std::string path = dir.file("side.mp2");
-  {
-    Encoder enc(MP2_encode_init(16000, 24000, 1));
-    auto f = audiotest::open_file(path, "wb");
-    // As a host delivers it: a few blocks per call.
-    for (size_t pos = 0; pos < pcm.size(); pos += 4 * 2304) {
-      const int len = static_cast<int>(std::min<size_t>(4 * 2304, pcm.size() - pos));
-      ASSERT_EQ(mp4_pcm_to_mp2_2(f.get(), pcm.data() + pos, len, enc.get()), 0);
-    }
-  }
-  EXPECT_EQ(testsupport::read_file(path).size(), 32u * 216);
-  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "codec_name"), "mp2");
-  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "sample_rate"), "16000");
-  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "channels"), "1");
-  EXPECT_EQ(testsupport::ffprobe_frames(path, "a"), 32);
-  EXPECT_EQ(testsupport::ffmpeg_decode_errors(path), "");
-  const auto decoded = audiotest::decode_s16(path);
-  EXPECT_EQ(decoded.size(), 32u * 1152);
-  EXPECT_EQ(audiotest::dominant_frequency(decoded, 16000), 1000);
-}
-
-// The same tone as 8-bit PCM at the MJPEG recorder's setting (64 kbit/s).
-// Each byte fills two samples, so the 8-bit input is the tone at 8000 Hz.
-TEST(PcmToMp2, EightBitSineDecodesAsTheTone) {
   const Bytes pcm16 = testsupport::read_file(testsupport::pcm16_stream(16000, 2.304));
-  Bytes pcm8(pcm16.size() / 4 / 576 * 576);
-  ASSERT_EQ(pcm8.size() / 576, 32u);
-  for (size_t i = 0; i < pcm8.size(); ++i) {
-    const auto s = static_cast<int16_t>(pcm16[4 * i] | pcm16[4 * i + 1] << 8);
-    pcm8[i] = static_cast<uint8_t>((s >> 8) + 128);
+  ASSERT_GE(pcm16.size(), 32u * 2304);
+  Bytes pcm8(32 * 576);
+  for (size_t i = 0; i < pcm8.size(); ++i)
+    pcm8[i] = static_cast<uint8_t>(
+        (static_cast<int16_t>(pcm16[4 * i] | pcm16[4 * i + 1] << 8) >> 8) + 128);
+  const struct {
+    Convert fn;
+    Bytes pcm;
+    int bitrate;
+    size_t frame_bytes;
+  } cases[] = {{mp4_pcm_to_mp2_2, Bytes(pcm16.begin(), pcm16.begin() + 32 * 2304), 24000, 216},
+               {mp4_pcm_to_mp2, pcm8, 64000, 576}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.bitrate);
+    testsupport::TempDir dir;
+    const std::string path = dir.file("side.mp2");
+    {
+      Encoder enc(MP2_encode_init(16000, c.bitrate, 1));
+      auto f = audiotest::open_file(path, "wb");
+      // As a host delivers it: a few blocks per call.
+      const size_t step = c.pcm.size() / 8;
+      for (size_t pos = 0; pos < c.pcm.size(); pos += step)
+        ASSERT_EQ(c.fn(f.get(), const_cast<uint8_t *>(c.pcm.data()) + pos, static_cast<int>(step),
+                       enc.get()),
+                  0);
+    }
+    EXPECT_EQ(testsupport::read_file(path).size(), 32 * c.frame_bytes);
+    EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "codec_name"), "mp2");
+    EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "sample_rate"), "16000");
+    EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "channels"), "1");
+    EXPECT_EQ(testsupport::ffprobe_frames(path, "a"), 32);
+    EXPECT_EQ(testsupport::ffmpeg_decode_errors(path), "");
+    const auto decoded = audiotest::decode_s16(path);
+    EXPECT_EQ(decoded.size(), 32u * 1152);
+    EXPECT_EQ(audiotest::dominant_frequency(decoded, 16000), 1000);
+
+    // The side file's reader cuts it back into the 32 frames written.
+    auto f = audiotest::open_file(path, "rb");
+    ASSERT_EQ(mp4_handle_mp2_head(f.get()), 0);
+    std::vector<unsigned char> buf(65536);
+    std::vector<unsigned int> lengths;
+    for (unsigned int n; mp4_read_mp2_frame(f.get(), buf.data(), 65536, &n) == 0;)
+      lengths.push_back(n);
+    EXPECT_EQ(lengths, std::vector<unsigned int>(32, static_cast<unsigned int>(c.frame_bytes)));
   }
-  testsupport::TempDir dir;
-  const std::string path = dir.file("side.mp2");
-  {
-    Encoder enc(MP2_encode_init(16000, 64000, 1));
-    auto f = audiotest::open_file(path, "wb");
-    ASSERT_EQ(mp4_pcm_to_mp2(f.get(), pcm8.data(), static_cast<int>(pcm8.size()), enc.get()), 0);
-  }
-  EXPECT_EQ(testsupport::read_file(path).size(), 32u * 576);
-  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "codec_name"), "mp2");
-  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "sample_rate"), "16000");
-  EXPECT_EQ(testsupport::ffprobe_stream_field(path, "a", "channels"), "1");
-  EXPECT_EQ(testsupport::ffprobe_frames(path, "a"), 32);
-  EXPECT_EQ(testsupport::ffmpeg_decode_errors(path), "");
-  EXPECT_EQ(audiotest::dominant_frequency(audiotest::decode_s16(path), 16000), 1000);
 }
 
 }  // namespace

@@ -144,18 +144,6 @@ TEST_P(Readers, HeadFailsWithoutASync) {
   }
 }
 
-TEST_P(Readers, HeadAtEndOfFileIsSilent) {
-  const Family &f = GetParam();
-  testsupport::TempDir dir;
-  testsupport::write_file(dir.file("side"), {1, 2});
-  auto file = audiotest::open_file(dir.file("side"), "rb");
-  while (std::fgetc(file.get()) != EOF) {
-  }
-  testsupport::LogCapture log;
-  EXPECT_EQ(f.head(file.get()), -1);
-  EXPECT_TRUE(log.entries().empty()) << log.dump();
-}
-
 TEST_P(Readers, RefuseBadArguments) {
   const Family &f = GetParam();
   testsupport::TempDir dir;
@@ -230,39 +218,6 @@ TEST_P(Readers, ReadErrorIsReported) {
 
 INSTANTIATE_TEST_SUITE_P(Families, Readers, testing::Values(kMp2, kAac),
                          [](const auto &info) { return std::string(info.param.word); });
-
-// The side file of a 1 kHz tone made by the converter is cut back into exactly
-// the frames the encoder produced.
-TEST(StreamReaders, Mp2SideFileRoundTrip) {
-  Bytes pcm = testsupport::read_file(testsupport::pcm16_stream(16000, 2.304));
-  pcm.resize(pcm.size() / 2304 * 2304);
-  std::vector<Bytes> frames;
-  {
-    void *enc = MP2_encode_init(16000, 24000, 1);
-    ASSERT_NE(enc, nullptr);
-    for (size_t pos = 0; pos < pcm.size(); pos += 2304) {
-      std::vector<int16_t> samples(1152);
-      std::memcpy(samples.data(), pcm.data() + pos, 2304);
-      unsigned char out[2304];
-      unsigned int length = 0;
-      MP2_encode_frame(enc, &length, out, 2304, samples.data());
-      frames.emplace_back(out, out + length);
-    }
-    MP2_encode_close(enc);
-  }
-  testsupport::TempDir dir;
-  const std::string path = dir.file("side.mp2");
-  {
-    void *enc = MP2_encode_init(16000, 24000, 1);
-    auto f = audiotest::open_file(path, "wb");
-    ASSERT_EQ(mp4_pcm_to_mp2_2(f.get(), pcm.data(), static_cast<int>(pcm.size()), enc), 0);
-    MP2_encode_close(enc);
-  }
-  const Result r = read_stream(kMp2, testsupport::read_file(path));
-  EXPECT_EQ(r.head, 0);
-  ASSERT_EQ(r.frames.size(), 32u);
-  EXPECT_EQ(r.frames, frames);
-}
 
 // ADTS frames are found by their sync pair alone, and AAC bodies hold the
 // pair by chance now and then: the reader then cuts there (it reads no
