@@ -67,15 +67,13 @@ uint32_t here(Sink &s) {
   return static_cast<uint32_t>(s.tell());
 }
 
-// Reserved avcC: 8 + 512 bytes, an empty configuration and zeros, filled once
-// SPS and PPS are known.
+// Reserved avcC: 8 + 512 zero bytes, filled once SPS and PPS are known.
 int32_t write_avcc_reserved(Sink &s, uint32_t *vpos) {
   Scope avcc(s, "avcC");
   if (!avcc.ok()) return -1;
   vpos[kVAvcC] = avcc.start();
   vpos[kVAvcCDataPos] = vpos[kVAvcCDataEnd] = here(s);
-  s.bytes(kEmptyAvcConfig);
-  s.zeros(kAvcCReserve - sizeof kEmptyAvcConfig);
+  s.zeros(kAvcCReserve);
   return avcc.close();
 }
 
@@ -125,10 +123,10 @@ int32_t write_table(Sink &s, const TableSpec &t, uint32_t *start_slot, uint32_t 
   return table.close();
 }
 
-// The tables declare no sample and no chunk until the first update: stsc and
-// stco start with count 0 (a chunk table promising chunks without samples is
-// rejected by readers), and every count is recomputed from the next-entry
-// offset when a batch is entered.
+// Until the first update the tables declare no sample: stts, stss and stsz
+// count 0, stsc counts its reserved entries and stco its one (empty) chunk.
+// Every count is recomputed from the next-entry offset when a batch is
+// entered.
 int32_t write_video_stbl(Sink &s, const mp4_handle *h, uint32_t *vpos) {
   const uint32_t nv = h->maxVideoFrames;
   const bool hole = videoPreallocFlag.load(std::memory_order_relaxed) == 1;
@@ -141,11 +139,11 @@ int32_t write_video_stbl(Sink &s, const mp4_handle *h, uint32_t *vpos) {
   s.add(write_table(s, {"stss", 0, false, nv, kZero4, hole, kZero4}, &vpos[kVSttsStssStart],
                     &vpos[kVStssCount], &vpos[kVStssNext]));
   vpos[kVChunkCounter] = 0;
-  s.add(write_table(s, {"stsc", 0, false, nv, kStscOne, false, kStscOne}, &vpos[kVStscStart],
+  s.add(write_table(s, {"stsc", nv, false, nv, kStscOne, false, kStscOne}, &vpos[kVStscStart],
                     &vpos[kVStscCount], &vpos[kVStscNext]));
   s.add(write_table(s, {"stsz", 0, true, nv, kZero4, hole, kZero4}, nullptr, &vpos[kVStszCount],
                     &vpos[kVStszNext]));
-  s.add(write_table(s, {"stco", 0, false, nv, kZero4, hole, kZero4}, &vpos[kVStcoStart],
+  s.add(write_table(s, {"stco", 1, false, nv, kZero4, hole, kZero4}, &vpos[kVStcoStart],
                     &vpos[kVStcoCount], &vpos[kVStcoNext]));
   return stbl.close();
 }
@@ -222,11 +220,11 @@ int32_t write_audio_stbl(Sink &s, const mp4_handle *h, uint32_t *apos) {
   s.add(write_table(s, {"stts", n, false, n, frame_entry, hole, kOneZero}, &apos[kASttsStart],
                     &apos[kASttsCount], &apos[kASttsNext], 16 + 8 * n));
   apos[kAChunkCounter] = 0;
-  s.add(write_table(s, {"stsc", 0, false, na, kStscOne, false, kStscOne}, &apos[kAStscStart],
+  s.add(write_table(s, {"stsc", na, false, na, kStscOne, false, kStscOne}, &apos[kAStscStart],
                     &apos[kAStscCount], &apos[kAStscNext]));
   s.add(write_table(s, {"stsz", 0, true, na, kZero4, hole, kZero4}, &apos[kAStszStart],
                     &apos[kAStszCount], &apos[kAStszNext]));
-  s.add(write_table(s, {"stco", 0, false, na, kZero4, hole, kZero4}, &apos[kAStcoStart],
+  s.add(write_table(s, {"stco", 1, false, na, kZero4, hole, kZero4}, &apos[kAStcoStart],
                     &apos[kAStcoCount], &apos[kAStcoNext]));
   return stbl.close();
 }

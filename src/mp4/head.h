@@ -10,12 +10,6 @@ namespace mp4rec {
 inline constexpr uint32_t kDurationPadMs = 50;
 // Zero bytes reserved inside avcC for the decoder configuration.
 inline constexpr uint32_t kAvcCReserve = 512;
-// Start of the reserved avcC content until the real configuration is known:
-// a decoder configuration with no parameter sets (version 1, the fixed profile
-// and level bytes, 4-byte lengths, 0 SPS, 0 PPS), followed by zeros, so that
-// readers of a file without video yet find a well-formed empty record.
-inline constexpr uint8_t kEmptyAvcConfig[7] = {0x01, 0x4D, 0x40, 0x1F, 0xFF, 0xE0, 0x00};
-
 // Largest reserved moov that the head writer accepts: file offsets are 32-bit
 // and positions signed, and the samples still have to fit behind it.
 inline constexpr uint64_t kMaxReservedMoov = 512u << 20;
