@@ -9,9 +9,13 @@ namespace bench {
 namespace {
 
 std::vector<uint8_t> read_all(const std::string &path) {
-  std::ifstream f(path, std::ios::binary);
+  std::ifstream f(path, std::ios::binary | std::ios::ate);
   if (!f) throw std::runtime_error("cannot read " + path);
-  return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+  std::vector<uint8_t> bytes(size_t(f.tellg()));
+  f.seekg(0);
+  if (!f.read(reinterpret_cast<char *>(bytes.data()), std::streamsize(bytes.size())))
+    throw std::runtime_error("cannot read " + path);
+  return bytes;
 }
 
 // Offsets of every start code (3 or 4 bytes) in an Annex B stream, with the

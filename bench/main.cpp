@@ -108,7 +108,8 @@ long private_dirty_kb() {
 // The child: one recording through one back end, reported through `fd`.
 // `speed` > 0 hands the frames over at that multiple of real time; 0 as fast
 // as the back end takes them.
-void child_run(const BackendInfo &info, const Options &opt, Input &in, double speed, int fd) {
+void child_run(const BackendInfo &info, const Options &opt, Input &in, double speed,
+               bool read_memory, int fd) {
   RunResult r;
   // The child's threads carry the back end's name, for profilers.
   prctl(PR_SET_NAME, ("rec-" + info.name).substr(0, 15).c_str());
@@ -140,7 +141,7 @@ void child_run(const BackendInfo &info, const Options &opt, Input &in, double sp
     }
     // The memory reading walks the page tables: its cost is taken out of the figures.
     const int64_t x0 = mono_ns(), xc0 = process_cpu_ns(), xt0 = thread_cpu_ns();
-    const long private_frames = private_dirty_kb();
+    const long private_frames = read_memory ? private_dirty_kb() : 0;
     const int64_t tc = mono_ns();
     const int64_t skip_wall = tc - x0, skip_cpu = process_cpu_ns() - xc0,
                   skip_caller = thread_cpu_ns() - xt0;
@@ -150,7 +151,7 @@ void child_run(const BackendInfo &info, const Options &opt, Input &in, double sp
     const int64_t cpu1 = process_cpu_ns();
     const UserSys us1 = rusage_self();
     const IoCounters io1 = io_counters();
-    r.private_kb = std::max(private_frames, private_dirty_kb());
+    r.private_kb = read_memory ? std::max(private_frames, private_dirty_kb()) : 0;
 
     r.wall_s = double(t1 - t0 - skip_wall) / 1e9;
     r.close_wall_s = double(t1 - tc) / 1e9;
@@ -178,7 +179,8 @@ void child_run(const BackendInfo &info, const Options &opt, Input &in, double sp
   _exit(0);
 }
 
-RunResult run_in_child(const BackendInfo &info, const Options &opt, Input &in, double speed) {
+RunResult run_in_child(const BackendInfo &info, const Options &opt, Input &in, double speed,
+                       bool read_memory) {
   int fds[2];
   if (pipe(fds) != 0) throw std::runtime_error("pipe");
   std::fflush(nullptr);
@@ -186,7 +188,7 @@ RunResult run_in_child(const BackendInfo &info, const Options &opt, Input &in, d
   if (pid < 0) throw std::runtime_error("fork");
   if (pid == 0) {
     ::close(fds[0]);
-    child_run(info, opt, in, speed, fds[1]);
+    child_run(info, opt, in, speed, read_memory, fds[1]);
   }
   ::close(fds[1]);
   RunResult r;
@@ -236,6 +238,7 @@ int record(int argc, char **argv) {
   const std::string dir = args.get("dir", "/dev/shm");
   const std::string keep = args.get("keep");
   const double speed = args.num("speed", 0);
+  const bool read_memory = !args.flag("no-memory");  // profilers: skip the page-table walks
   const bool quiet = args.flag("quiet");
   Options base;
   base.throttle_bytes_per_s = args.num("throttle-mbps", 0) * 1e6;
@@ -267,7 +270,7 @@ int record(int argc, char **argv) {
       const BackendInfo &b = *chosen[(k + size_t(rep)) % chosen.size()];
       Options opt = base;
       opt.out_path = dir + "/bench_" + b.name + "_" + std::to_string(getpid()) + ".mp4";
-      const RunResult r = run_in_child(b, opt, in, speed);
+      const RunResult r = run_in_child(b, opt, in, speed, read_memory);
       if (!r.ok) {
         std::fprintf(stderr, "%s run %d failed: %s\n", b.name.c_str(), rep + 1, r.error);
       } else {
@@ -293,6 +296,21 @@ int record(int argc, char **argv) {
     for (const auto &r : results[name]) v.push_back(double(field(r)));
     return median(v);
   };
+  // CPU is counted net of the harness: the baseline's median (its loop, and in
+  // paced runs the sleeps and wake-ups) is taken off every other back end.
+  double harness_cpu = 0;
+  if (!results["baseline"].empty()) {
+    harness_cpu = med("baseline", [](const RunResult &r) { return r.cpu_s; });
+    const double harness_caller =
+        med("baseline", [](const RunResult &r) { return r.caller_cpu_s; });
+    for (auto &[name, rs] : results) {
+      if (name == "baseline") continue;
+      for (auto &r : rs) {
+        r.cpu_s -= harness_cpu;
+        r.caller_cpu_s -= harness_caller;
+      }
+    }
+  }
   const bool have_floor = !results["fwrite"].empty();
   const double floor_cpu =
       have_floor ? med("fwrite", [](const RunResult &r) { return r.cpu_s; }) : 0;
@@ -396,13 +414,17 @@ int record(int argc, char **argv) {
   }
   std::printf(
       "\nInput: %zu video + %zu audio frames, %.3f MB of samples (MB = 10^6 bytes), "
-      "%.1f s; medians of %d runs; frames fed %s%s.\n",
+      "%.1f s; medians of %d runs; frames fed %s%s%s.\n",
       in.video_frames, in.audio_frames, mb, in.seconds(), reps,
       speed == 1  ? "at their time stamps (real time)"
       : speed > 0 ? fmt("at %g × the pace of their time stamps", speed).c_str()
                   : "as fast as the back end takes them",
       base.throttle_bytes_per_s > 0
           ? fmt(", into a stream paced to %.0f MB/s", base.throttle_bytes_per_s / 1e6).c_str()
+          : "",
+      harness_cpu > 0
+          ? fmt("; CPU net of the harness's own %.1f ms (the baseline row)", harness_cpu * 1e3)
+                .c_str()
           : "");
   return 0;
 }

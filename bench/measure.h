@@ -28,8 +28,8 @@ struct IoCounters {
 IoCounters io_counters();
 
 // A card that transfers `bytes_per_second`: every write returns only once
-// its bytes would have been transferred since the previous write ended (or
-// now, when the card was idle). Seeks are free.
+// its bytes would have been transferred, less 1 ms, since the previous write
+// ended (or now, when the card was idle). Seeks are free.
 class Pacer {
  public:
   explicit Pacer(double bytes_per_second) : rate_(bytes_per_second) {}

@@ -50,10 +50,15 @@ tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 section() { printf '\n## %s\n\n' "$1" >>"$tmp/body"; }
 text() { printf '%s\n' "$@" >>"$tmp/body"; }
-cmd() {  # shows the command, runs it, appends its output
-  printf '```\n%s\n```\n\n' "${*//$root\//}" >>"$tmp/body"
+cmd() {  # shows the command, runs it with the raised priority, appends its output
+  printf '```\n%s\n```\n\n' "${prio[*]:+${prio[*]} }${*//$root\//}" >>"$tmp/body"
   echo "running: $*" >&2
   "${prio[@]}" "$@" --quiet >>"$tmp/body"
+}
+cmd_plain() {  # the same at ordinary priority
+  printf '```\n%s\n```\n\n' "${*//$root\//}" >>"$tmp/body"
+  echo "running: $*" >&2
+  "$@" --quiet >>"$tmp/body"
 }
 validate() {  # kept recordings: ffprobe's frame counts and ffmpeg's decode errors
   text "" "Recordings kept from the last run, read by ffprobe and decoded by ffmpeg:" ""
@@ -78,12 +83,23 @@ text "The throughput figures: CPU, write calls, bytes and memory. The frame-call
 cmd "$bin" record "${v1080[@]}" --reps "$reps" --dir "$work" --keep "$work/keep"
 validate
 
+section "1080p30 into tmpfs: frames as fast as taken, at ordinary priority"
+text "The same without the raised priority: a writer thread that is not scheduled at once lets" \
+  "its producer run ahead; the frame calls then show what the back end does when that happens."
+cmd_plain "$bin" record "${v1080[@]}" --reps 3 --dir "$work" --backends baseline,fwrite,mp4rec,lavf
+
+section "1080p30 into tmpfs: frames as fast as taken, on one core"
+text "All threads pinned to one core (taskset -c 0, ordinary priority): the CPU cost without" \
+  "the two cores' caches handing the buffered data from one to the other."
+cmd_plain taskset -c 0 "$bin" record "${v1080[@]}" --reps "$reps" --dir "$work" \
+  --backends baseline,fwrite,mp4rec,lavf,lavf-frag
+
 section "1080p30 into tmpfs: frames at 10 × real time"
 text "The latency figures: frames handed over at ten times the pace of their time stamps" \
   "(300 frames/s, 5 MB/s), so that a writer thread has time between frames as in a camera." \
-  "CPU here includes the harness's sleeps and wake-ups and is not a throughput figure."
+  "The CPU figures are net of the baseline, which pays the harness's sleeps and wake-ups."
 cmd "$bin" record "${v1080[@]}" --reps "$reps" --dir "$work" --speed 10 \
-  --backends fwrite,mp4rec,lavf,lavf-frag
+  --backends baseline,fwrite,mp4rec,lavf,lavf-frag
 
 section "640x480, 1 Mbit/s, into tmpfs: frames as fast as the back end takes them"
 cmd "$bin" record "${v480[@]}" --reps "$reps" --dir "$work" --keep "$work/keep"
@@ -119,16 +135,34 @@ for b in fwrite mp4rec lavf lavf-faststart lavf-frag; do
   text "| $b | ${w:-0} | ${l:-0} | $fs | $o |"
 done
 
-if [ "${PROFILE:-1}" != 0 ] && command -v valgrind >/dev/null; then
-  section "Where mp4rec's CPU goes (callgrind, one 1080p recording)"
-  valgrind --tool=callgrind --callgrind-out-file="$tmp/cg.out" --trace-children=yes \
-    "$bin" record "${v1080[@]}" --reps 1 --dir "$work" --backends mp4rec --quiet >/dev/null 2>&1 || true
-  prof=$(ls -S "$tmp"/cg.out* 2>/dev/null | head -1)
-  if [ -n "$prof" ]; then
-    text "Inclusive cost of the child that recorded, top entries (Ir = instructions):" '```'
-    callgrind_annotate --inclusive=yes "$prof" 2>/dev/null | sed -n '/^ *Ir/,$p' | head -40 >>"$tmp/body"
+if [ "${PROFILE:-1}" != 0 ] && command -v perf >/dev/null &&
+  perf record -q -e cpu-clock -o "$tmp/probe.data" true >/dev/null 2>&1; then
+  section "Where the CPU goes (perf, cpu-clock samples, kernel included)"
+  text "Five 1080p recordings per back end, frames as fast as taken; samples of the recording" \
+    "child only (its threads are named rec-<back end>), symbols above 1.5 % of that child."
+  "${prio[@]}" perf record -q -e cpu-clock -F 20000 -o "$tmp/perf.data" -- "$bin" record "${v1080[@]}" \
+    --reps 5 --dir "$work" --backends fwrite,mp4rec --quiet --no-memory >/dev/null 2>&1 || true
+  for c in rec-fwrite rec-mp4rec; do
+    text "" "\`$c\`:" '```'
+    perf report -i "$tmp/perf.data" --comms "$c" --no-children --percentage relative \
+      --sort sym --stdio -g none 2>/dev/null | grep '%' | awk '$1+0 >= 1.5' | head -25 >>"$tmp/body" || true
     text '```'
-  fi
+  done
+fi
+
+if [ "${PROFILE:-1}" != 0 ] && command -v valgrind >/dev/null; then
+  section "User-space instructions of mp4rec's recording (callgrind)"
+  text "One 1080p recording; collected in the recording child's frame loop and in the writer" \
+    "thread only (inclusive instruction counts, top entries)."
+  valgrind --tool=callgrind --callgrind-out-file="$tmp/cg.out.%p" --trace-children=yes \
+    --collect-atstart=no --toggle-collect='*run_in_child*' --toggle-collect='DataBuffer_Proc' \
+    "$bin" record "${v1080[@]}" --reps 1 --dir "$work" --backends mp4rec --quiet >/dev/null 2>&1 || true
+  text '```'
+  for prof in $(ls -S "$tmp"/cg.out.* 2>/dev/null | head -1); do
+    callgrind_annotate --inclusive=yes "$prof" 2>/dev/null | sed -n '/^ *Ir/,$p' |
+      grep -v '^-' | head -45 | cut -c1-160 >>"$tmp/body" || true
+  done
+  text '```'
 fi
 
 {
