@@ -1,0 +1,35 @@
+// Box writers of the files whose index is written once the samples are known
+// (the MJPEG file and the H.264 file with the index at the end): every table
+// holds exactly the entries that exist and every size is final when written.
+// Each track is indexed as one chunk.
+#pragma once
+
+#include <cstdint>
+
+#include "mp4/alt/mjpeg.h"
+#include "mp4/box.h"
+#include "mp4/handle.h"
+
+namespace mp4rec::alt {
+
+// Head: ftyp, free and the mdat header (size 0 until the end). Sets mdatPos.
+int32_t write_head(box::Sink &s, mp4_mjpeg_ctx &ctx);
+int32_t write_head(box::Sink &s, mp4_handle &h);
+
+// Patches the mdat size to mediaBytes + 8 and writes moov at the current
+// position (behind the last sample).
+int32_t write_end(box::Sink &s, mp4_mjpeg_ctx &ctx);
+int32_t write_end(box::Sink &s, mp4_handle &h);
+
+// The children of an H.264 moov (mvhd, video trak, audio trak, udta), written
+// at the current position from the handle's own lists.
+int32_t write_moov_children(box::Sink &s, const mp4_handle &h);
+
+// Exact size of the moov that write_end / write_moov_children produce for a
+// handle (the moov header included).
+uint32_t moov_size(const mp4_handle &h);
+
+// Creation time of a new file: now, in seconds since 1904-01-01.
+uint32_t creation_time_now();
+
+}  // namespace mp4rec::alt

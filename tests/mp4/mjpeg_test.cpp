@@ -1,0 +1,326 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <type_traits>
+#include <vector>
+
+#include "mp4/alt/mjpeg.h"
+#include "support/box_reader.h"
+#include "support/media.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using testsupport::BoxFile;
+using testsupport::TempDir;
+
+// A minimal picture: start marker, `body` filler bytes, end marker.
+Bytes picture(size_t body, uint8_t fill = 0x11) {
+  Bytes b{0xFF, 0xD8};
+  b.insert(b.end(), body, fill);
+  b.push_back(0xFF);
+  b.push_back(0xD9);
+  return b;
+}
+
+struct Recording {
+  TempDir dir;
+  std::string mp4 = dir.file("rec.mp4");
+  std::string mp2 = dir.file("rec.mp2");
+  mp4_mjpeg_ctx *ctx = nullptr;
+
+  explicit Recording(unsigned audio_format = 2, int w = 640, int h = 480) {
+    ctx = mp4_write_head_jpeg(mp4.c_str(), mp2.c_str(), w, h, audio_format);
+  }
+  int video(Bytes b, int ts) {
+    return mp4_write_one_jpeg(b.data(), static_cast<int>(b.size()), ts, ctx);
+  }
+  int pcm(Bytes b) { return mp4_write_pcm_jpeg(b.data(), static_cast<int>(b.size()), ctx); }
+};
+
+TEST(MjpegMarkers, ScanFollowsTheExactlyOneFillByteRule) {
+  struct Case {
+    const char *name;
+    Bytes bytes;
+    mp4rec::JpegScan result;
+    size_t start, size;
+  };
+  const Case cases[] = {
+      {"bytes around the picture",
+       {0x12, 0x34, 0xFF, 0xD8, 0x01, 0xFF, 0xD9, 0x56},
+       mp4rec::JpegScan::kPicture,
+       2,
+       5},
+      {"empty picture", {0xFF, 0xD8, 0xFF, 0xD9}, mp4rec::JpegScan::kPicture, 0, 4},
+      {"two fill bytes hide the start",
+       {0xFF, 0xFF, 0xD8, 0x00, 0xFF, 0xD9},
+       mp4rec::JpegScan::kNoStart,
+       0,
+       0},
+      {"a later single start counts",
+       {0xFF, 0xFF, 0xD8, 0x00, 0xFF, 0xD8, 0xFF, 0xD9},
+       mp4rec::JpegScan::kPicture,
+       4,
+       4},
+      {"no end marker", {0xFF, 0xD8, 0x01, 0x02}, mp4rec::JpegScan::kNoEnd, 0, 0},
+      {"two fill bytes hide the end",
+       {0xFF, 0xD8, 0x01, 0xFF, 0xFF, 0xD9},
+       mp4rec::JpegScan::kNoEnd,
+       0,
+       0},
+      {"end scan starts behind the start marker",
+       {0xFF, 0xD8, 0xD9},
+       mp4rec::JpegScan::kNoEnd,
+       0,
+       0},
+      {"a thumbnail's end cuts the picture",
+       {0xFF, 0xD8, 0x01, 0xFF, 0xD8, 0x02, 0xFF, 0xD9, 0x03, 0xFF, 0xD9},
+       mp4rec::JpegScan::kPicture,
+       0,
+       8},
+      {"nothing", {}, mp4rec::JpegScan::kNoStart, 0, 0},
+  };
+  for (const auto &c : cases) {
+    const auto found = mp4rec::find_jpeg_picture(c.bytes);
+    EXPECT_EQ(found.result, c.result) << c.name;
+    if (c.result == mp4rec::JpegScan::kPicture) {
+      EXPECT_EQ(found.span.start, c.start) << c.name;
+      EXPECT_EQ(found.span.size, c.size) << c.name;
+    }
+  }
+}
+
+TEST(MjpegContext, RecordIsStandardLayoutInFieldOrder) {
+  static_assert(std::is_standard_layout_v<mp4_mjpeg_ctx>);
+  static_assert(offsetof(mp4_mjpeg_ctx, file) == 0);
+  static_assert(offsetof(mp4_mjpeg_ctx, mediaBytes) < offsetof(mp4_mjpeg_ctx, videoHead));
+  static_assert(offsetof(mp4_mjpeg_ctx, mp2DataPos) < offsetof(mp4_mjpeg_ctx, audioHead));
+  static_assert(offsetof(mp4_mjpeg_ctx, mp2Encoder) < offsetof(mp4_mjpeg_ctx, writeStatus));
+  Recording r(1);
+  ASSERT_NE(r.ctx, nullptr);
+  EXPECT_EQ(r.ctx->creationTime, 0xC6BFDE31u);
+  EXPECT_EQ(r.ctx->mdatPos, 40u);
+  EXPECT_EQ(r.ctx->sampleRate, 16000u);
+  EXPECT_EQ(r.ctx->writeStatus, 0);
+  EXPECT_EQ(mp4_write_end_jpeg(r.ctx), -1);  // no picture
+}
+
+TEST(MjpegHead, RefusesBadArguments) {
+  TempDir dir;
+  const std::string mp4 = dir.file("a.mp4"), mp2 = dir.file("a.mp2");
+  EXPECT_EQ(mp4_write_head_jpeg(nullptr, mp2.c_str(), 640, 480, 1), nullptr);
+  EXPECT_EQ(mp4_write_head_jpeg(mp4.c_str(), nullptr, 640, 480, 1), nullptr);
+  EXPECT_EQ(mp4_write_head_jpeg(mp4.c_str(), mp2.c_str(), 640, 480, 3), nullptr);
+  EXPECT_EQ(mp4_write_head_jpeg(mp4.c_str(), mp2.c_str(), 0, 480, 1), nullptr);
+  EXPECT_EQ(mp4_write_head_jpeg(mp4.c_str(), mp2.c_str(), 640, -1, 2), nullptr);
+  EXPECT_FALSE(std::filesystem::exists(mp4));
+  // The side file cannot be made: the .mp4 has been created and stays.
+  EXPECT_EQ(mp4_write_head_jpeg(mp4.c_str(), dir.file("none/a.mp2").c_str(), 640, 480, 1), nullptr);
+  EXPECT_TRUE(std::filesystem::exists(mp4));
+}
+
+TEST(MjpegFile, OnePictureWithoutAudio) {
+  Recording r(2);
+  ASSERT_NE(r.ctx, nullptr);
+  Bytes buf{0x12, 0x34};
+  const Bytes pic = picture(100);
+  buf.insert(buf.end(), pic.begin(), pic.end());
+  buf.push_back(0x56);
+  ASSERT_EQ(r.video(buf, 5000), 0);
+  ASSERT_EQ(mp4_write_end_jpeg(r.ctx), 0);
+
+  BoxFile f(r.mp4);
+  const auto &bytes = f.bytes();
+  ASSERT_EQ(bytes.size(), 48 + pic.size() + 1091 + 12);
+  EXPECT_EQ(f.str(4, 4), "ftyp");
+  EXPECT_EQ(f.u32(0), 32u);
+  EXPECT_EQ(f.str(36, 4), "free");
+  EXPECT_EQ(f.u32(40), 8 + pic.size());  // mdat
+  EXPECT_EQ(f.slice(48, pic.size()), pic);
+  const auto &moov = f.at("moov");
+  EXPECT_EQ(moov.size, 1091u + 12);
+  EXPECT_EQ(f.u32(f.at("moov/mvhd").offset + 24), 50u);  // duration
+  EXPECT_EQ(f.u32(f.at("moov/mvhd").offset + 12), 0xC6BFDE31u);
+
+  const std::string v = "moov/trak[0]/mdia/minf/stbl/";
+  EXPECT_EQ(f.stts(f.at(v + "stts")), (std::vector<std::pair<uint32_t, uint32_t>>{{1, 50}}));
+  EXPECT_EQ(f.stsz(f.at(v + "stsz")), std::vector<uint32_t>{static_cast<uint32_t>(pic.size())});
+  EXPECT_EQ(f.stco(f.at(v + "stco")), std::vector<uint32_t>{48});
+  const auto &tkhd = f.at("moov/trak[0]/tkhd");
+  EXPECT_EQ(f.u32(tkhd.offset + 84), 640u);  // plain integers, not 16.16
+  EXPECT_EQ(f.u32(tkhd.offset + 88), 480u);
+  const auto &mp4v = f.at(v + "stsd/mp4v");
+  EXPECT_EQ(mp4v.size, 130u);
+  EXPECT_EQ(f.u16(mp4v.offset + 32), 640u);
+  EXPECT_EQ(f.u16(mp4v.offset + 34), 480u);
+  const auto &esds = f.at(v + "stsd/mp4v/esds");
+  EXPECT_EQ(esds.size, 44u);
+  EXPECT_EQ(f.u8(esds.offset + 12), 0x03);
+  EXPECT_EQ(f.u8(esds.offset + 25), 0x6C);  // JPEG
+
+  const std::string a = "moov/trak[1]/mdia/minf/stbl/";
+  EXPECT_EQ(f.stts(f.at(a + "stts")), (std::vector<std::pair<uint32_t, uint32_t>>{{0, 1152}}));
+  EXPECT_EQ(f.stsc(f.at(a + "stsc")), (std::vector<BoxFile::Stsc>{{1, 0, 1}}));
+  EXPECT_EQ(f.entry_count(f.at(a + "stsz")), 0u);
+  EXPECT_EQ(f.stco(f.at(a + "stco")),
+            std::vector<uint32_t>{48 + static_cast<uint32_t>(pic.size())});
+  EXPECT_EQ(f.at(a + "stsd/mp4a").size, 71u);
+  EXPECT_EQ(f.u32(f.at("moov/trak[1]/tkhd").offset + 84), 0u);
+}
+
+TEST(MjpegFile, VideoDeltasAreTimeStampDistances) {
+  Recording r(1);
+  ASSERT_NE(r.ctx, nullptr);
+  for (int ts : {0, 40, 100, 90}) ASSERT_EQ(r.video(picture(10), ts), 0);
+  ASSERT_EQ(mp4_write_end_jpeg(r.ctx), 0);
+  BoxFile f(r.mp4);
+  EXPECT_EQ(
+      f.stts(f.at("moov/trak[0]/mdia/minf/stbl/stts")),
+      (std::vector<std::pair<uint32_t, uint32_t>>{{1, 40}, {1, 60}, {1, 0xFFFFFFF6u}, {1, 50}}));
+  // Dv = last - first + 50, in the video tkhd, elst and mdhd.
+  EXPECT_EQ(f.u32(f.at("moov/trak[0]/tkhd").offset + 28), 140u);
+  EXPECT_EQ(f.u32(f.at("moov/trak[0]/edts/elst").offset + 16), 140u);
+  EXPECT_EQ(f.u32(f.at("moov/trak[0]/mdia/mdhd").offset + 24), 140u);
+}
+
+TEST(MjpegFile, PicturesWithoutEndMarkerAreDropped) {
+  Recording r(2);
+  ASSERT_NE(r.ctx, nullptr);
+  ASSERT_EQ(r.video(picture(20), 0), 0);
+  Bytes cut = picture(30);
+  cut.erase(cut.end() - 2, cut.end());
+  EXPECT_EQ(r.video(cut, 40), 0);
+  EXPECT_EQ(r.ctx->videoCount, 1u);
+  EXPECT_EQ(r.ctx->mediaBytes, 24u);
+  ASSERT_EQ(mp4_write_end_jpeg(r.ctx), 0);
+  EXPECT_EQ(std::filesystem::file_size(r.mp4), 48u + 24 + 1091 + 12);
+}
+
+TEST(MjpegFile, SixteenBitPcmBecomesOneFramePerBlock) {
+  Recording r(2);
+  ASSERT_NE(r.ctx, nullptr);
+  const int pictures = 3;
+  for (int i = 0; i < pictures; ++i)
+    ASSERT_EQ(r.video(picture(50 + static_cast<size_t>(i)), i * 40), 0);
+  Bytes pcm(2304);
+  for (size_t i = 0; i < pcm.size(); i += 2) pcm[i + 1] = static_cast<uint8_t>(i * 7);
+  for (int i = 0; i < 36; ++i) ASSERT_EQ(r.pcm(pcm), 0);
+  ASSERT_EQ(mp4_write_end_jpeg(r.ctx), 0);
+
+  BoxFile f(r.mp4);
+  const std::string a = "moov/trak[1]/mdia/minf/stbl/";
+  const auto sizes = f.stsz(f.at(a + "stsz"));
+  ASSERT_EQ(sizes.size(), 36u);
+  uint32_t audio_bytes = 0;
+  for (uint32_t s : sizes) audio_bytes += s;
+  const uint32_t video_bytes = 54 + 55 + 56;
+  const uint32_t n = pictures, m = 36;
+  EXPECT_EQ(f.at("moov").size, 1091 + 12 * n + 4 * m);
+  EXPECT_EQ(f.bytes().size(), 48 + video_bytes + audio_bytes + 1091 + 12 * n + 4 * m);
+  EXPECT_EQ(f.u32(40), 8 + video_bytes + audio_bytes);
+  EXPECT_EQ(f.stts(f.at(a + "stts")), (std::vector<std::pair<uint32_t, uint32_t>>{{36, 1152}}));
+  EXPECT_EQ(f.stsc(f.at(a + "stsc")), (std::vector<BoxFile::Stsc>{{1, 36, 1}}));
+  EXPECT_EQ(f.stco(f.at(a + "stco")), std::vector<uint32_t>{48 + video_bytes});
+  EXPECT_EQ(f.u32(f.at("moov/trak[1]/tkhd").offset + 28), 2592u);        // Da
+  EXPECT_EQ(f.u32(f.at("moov/trak[1]/mdia/mdhd").offset + 20), 16000u);  // time scale
+  EXPECT_EQ(f.u32(f.at("moov/trak[1]/mdia/mdhd").offset + 24), 41472u);  // 1152 x 36
+  EXPECT_EQ(f.u32(f.at("moov/mvhd").offset + 24), 2592u);                // max(Dv, Da)
+  // Each stored frame starts with the MP2 sync pair.
+  uint32_t off = 48 + video_bytes;
+  for (uint32_t s : sizes) {
+    EXPECT_EQ(f.u16(off), 0xFFF5);
+    off += s;
+  }
+}
+
+TEST(MjpegFile, FinishingWithoutPictureLeavesOnlyTheHead) {
+  Recording r(1);
+  ASSERT_NE(r.ctx, nullptr);
+  ASSERT_EQ(r.pcm(Bytes(576 * 2, 0x80)), 0);
+  EXPECT_EQ(mp4_write_end_jpeg(r.ctx), -1);
+  const auto bytes = testsupport::read_file(r.mp4);
+  ASSERT_EQ(bytes.size(), 48u);
+  BoxFile f(bytes);
+  EXPECT_EQ(f.u32(40), 0u);
+  EXPECT_EQ(f.str(44, 4), "mdat");
+  EXPECT_EQ(f.find("moov"), nullptr);
+}
+
+// Every refusal releases the context (checked for leaks and double frees by
+// the sanitizer builds); the data already written stays on disk.
+TEST(MjpegFile, RefusedInputReleasesTheContext) {
+  struct Case {
+    const char *name;
+    unsigned format;
+    int (*call)(Recording &);
+  };
+  const Case cases[] = {
+      {"no start marker", 2,
+       [](Recording &r) {
+         return r.video({0xFF, 0xFF, 0xD8, 0xFF, 0xD9}, 0);
+       }},
+      {"negative time stamp", 2, [](Recording &r) { return r.video(picture(4), -1); }},
+      {"null picture", 2, [](Recording &r) { return mp4_write_one_jpeg(nullptr, 10, 0, r.ctx); }},
+      {"575 bytes of 8-bit PCM", 1, [](Recording &r) { return r.pcm(Bytes(575)); }},
+      {"2300 bytes of 16-bit PCM", 2, [](Recording &r) { return r.pcm(Bytes(2300)); }},
+      {"no PCM", 1, [](Recording &r) { return mp4_write_pcm_jpeg(nullptr, 576, r.ctx); }},
+  };
+  for (const auto &c : cases) {
+    Recording r(c.format);
+    ASSERT_NE(r.ctx, nullptr);
+    ASSERT_EQ(r.video(picture(8), 0), 0);
+    EXPECT_EQ(c.call(r), -1) << c.name;
+    EXPECT_EQ(std::filesystem::file_size(r.mp4), 48u + 12) << c.name;
+  }
+}
+
+TEST(MjpegFile, SixteenBitConversionFailureKeepsAnEmptyRecordForTheClose) {
+  Recording r(2);
+  ASSERT_NE(r.ctx, nullptr);
+  ASSERT_EQ(r.video(picture(8), 0), 0);
+  MP2_encode_close(r.ctx->mp2Encoder);  // the converter now refuses the block
+  r.ctx->mp2Encoder = nullptr;
+  EXPECT_EQ(r.pcm(Bytes(2304)), -1);
+  EXPECT_EQ(r.ctx->file, nullptr);
+  EXPECT_EQ(r.ctx->mp2File, nullptr);
+  EXPECT_EQ(r.ctx->videoHead, nullptr);
+  EXPECT_EQ(mp4_write_end_jpeg(r.ctx), -1);  // frees the record
+}
+
+TEST(MjpegFile, TenSecondsOfRealPicturesAndPcmDecode) {
+  const auto jpegs =
+      testsupport::split_jpeg(testsupport::read_file(testsupport::mjpeg_stream(320, 240, 25, 10)));
+  const auto pcm = testsupport::read_file(testsupport::pcm16_stream(16000, 10));
+  ASSERT_EQ(jpegs.size(), 250u);
+  Recording r(2, 320, 240);
+  ASSERT_NE(r.ctx, nullptr);
+  size_t pcm_pos = 0;
+  int frames = 0;
+  for (size_t i = 0; i < jpegs.size(); ++i) {
+    const int ts = static_cast<int>(i) * 40;
+    ASSERT_EQ(r.video(jpegs[i], ts), 0);
+    // Audio in blocks of 1152 samples, keeping up with the pictures.
+    while (pcm_pos + 2304 <= pcm.size() &&
+           (pcm_pos / 2) * 1000 / 16000 <= static_cast<size_t>(ts)) {
+      ASSERT_EQ(r.pcm(Bytes(pcm.begin() + static_cast<long>(pcm_pos),
+                            pcm.begin() + static_cast<long>(pcm_pos + 2304))),
+                0);
+      pcm_pos += 2304;
+      ++frames;
+    }
+  }
+  ASSERT_EQ(mp4_write_end_jpeg(r.ctx), 0);
+
+  EXPECT_EQ(testsupport::ffmpeg_decode_errors(r.mp4, "-map 0:v"), "");
+  EXPECT_EQ(testsupport::ffprobe_frames(r.mp4, "v"), 250);
+  EXPECT_EQ(testsupport::ffprobe_stream_field(r.mp4, "v", "codec_name"), "mjpeg");
+  // The fixed audio esds declares MPEG-1 audio (object type 0x6B); ffmpeg
+  // files it under its MPEG audio decoder, which reads the MPEG-2 layer II
+  // frames from their own headers.
+  EXPECT_EQ(testsupport::ffprobe_packets(r.mp4, "a"), frames);
+  EXPECT_EQ(testsupport::ffprobe_frames(r.mp4, "a"), frames);
+  EXPECT_EQ(testsupport::ffprobe_stream_field(r.mp4, "a", "sample_rate"), "16000");
+}
+
+}  // namespace
