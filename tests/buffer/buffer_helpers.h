@@ -1,8 +1,7 @@
 // Helpers of the data buffer tests: an owning buffer, frames with recognisable
-// bytes, index records, and waits on the writer thread.
+// bytes, and waits on the writer thread.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -14,20 +13,14 @@ namespace buffertest {
 
 using Bytes = std::vector<uint8_t>;
 
-// A data buffer deleted at the end of the test.
-struct Buffer {
+struct Buffer {  // deleted at the end of the test
   Buffer(int video, int audio) : data(mp4_write_data_buffer_create(video, audio)) {}
-  ~Buffer() {
-    if (data != nullptr) mp4_write_data_buffer_delete(data);
-  }
-  Buffer(const Buffer &) = delete;
-  Buffer &operator=(const Buffer &) = delete;
+  ~Buffer() { mp4_write_data_buffer_delete(data); }
   mp4_data_buffer *operator->() const { return data; }
   operator mp4_data_buffer *() const { return data; }
   mp4_data_buffer *data;
 };
 
-// `n` bytes counting up from `first`.
 inline Bytes pattern(size_t n, uint8_t first) {
   Bytes b(n);
   for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(first + i);
@@ -36,64 +29,46 @@ inline Bytes pattern(size_t n, uint8_t first) {
 
 // A video frame as it stands in mdat: 4-byte big-endian length, then payload.
 inline Bytes stored_video(const Bytes &payload) {
-  const auto len = static_cast<uint32_t>(payload.size());
-  Bytes b{static_cast<uint8_t>(len >> 24), static_cast<uint8_t>(len >> 16),
-          static_cast<uint8_t>(len >> 8), static_cast<uint8_t>(len)};
+  const auto n = static_cast<uint32_t>(payload.size());
+  Bytes b{uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)};
   b.insert(b.end(), payload.begin(), payload.end());
   return b;
 }
 
-inline videoNode *video_node(uint32_t size, uint32_t ts = 0, int32_t type = 0) {
+// Enqueues a frame with its own index record, which is freed when refused.
+inline int put_video(mp4_data_buffer *data, Bytes payload) {
   auto *v = static_cast<videoNode *>(std::malloc(sizeof(videoNode)));
-  *v = videoNode{type, size, ts, 0, nullptr};
-  return v;
-}
-
-inline audioNode *audio_node(uint32_t size, uint32_t ts = 0) {
-  auto *a = static_cast<audioNode *>(std::malloc(sizeof(audioNode)));
-  *a = audioNode{size, ts, 0, nullptr};
-  return a;
-}
-
-// Enqueues a video payload with its own index record; frees the record when
-// the buffer refuses it.
-inline int put_video(mp4_data_buffer *data, Bytes payload, mp4_handle *handle = nullptr,
-                     uint32_t ts = 0, int32_t type = 0) {
-  videoNode *v = video_node(static_cast<uint32_t>(payload.size() + 4), ts, type);
-  const int r = mp4_write_data_buffer_write_video_index(data, payload.data(), v, handle);
+  *v = videoNode{0, static_cast<uint32_t>(payload.size() + 4), 0, 0, nullptr};
+  const int r = mp4_write_data_buffer_write_video_index(data, payload.data(), v, nullptr);
   if (r != 0) std::free(v);
   return r;
 }
 
-inline int put_audio(mp4_data_buffer *data, Bytes frame, mp4_handle *handle = nullptr,
-                     uint32_t ts = 0) {
-  audioNode *a = audio_node(static_cast<uint32_t>(frame.size()), ts);
-  const int r = mp4_write_data_buffer_write_audio_index(data, frame.data(), a, handle);
+inline int put_audio(mp4_data_buffer *data, Bytes frame) {
+  auto *a = static_cast<audioNode *>(std::malloc(sizeof(audioNode)));
+  *a = audioNode{static_cast<uint32_t>(frame.size()), 0, 0, nullptr};
+  const int r = mp4_write_data_buffer_write_audio_index(data, frame.data(), a, nullptr);
   if (r != 0) std::free(a);
   return r;
-}
-
-inline int32_t status(mp4_data_buffer *data) {
-  mp4rec::MutexLock lock(data->queue_lock);
-  return data->buffer_status.load();
 }
 
 // Waits (up to ten seconds) until buffer_status takes `value`.
 inline bool wait_status(mp4_data_buffer *data, int32_t value) {
   for (int i = 0; i < 10000; ++i) {
-    if (status(data) == value) return true;
+    {
+      mp4rec::MutexLock lock(data->queue_lock);
+      if (data->buffer_status.load() == value) return true;
+    }
     usleep(1000);
   }
   return false;
 }
 
-// The nodes of a queue, front to back.
-inline std::vector<mp4_buffer_node *> queue_nodes(mp4_data_buffer *data,
-                                                  mp4_buffer_node *mp4_data_buffer::*queue) {
+inline size_t queue_length(mp4_data_buffer *data, mp4_buffer_node *mp4_data_buffer::*queue) {
   mp4rec::MutexLock lock(data->queue_lock);
-  std::vector<mp4_buffer_node *> out;
-  for (mp4_buffer_node *n = data->*queue; n != nullptr; n = n->next) out.push_back(n);
-  return out;
+  size_t n = 0;
+  for (mp4_buffer_node *node = data->*queue; node != nullptr; node = node->next) ++n;
+  return n;
 }
 
 }  // namespace buffertest
