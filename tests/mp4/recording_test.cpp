@@ -32,6 +32,18 @@ struct Snapshots {
   std::vector<Shot> shots;
 };
 
+// Decoded video frames as ffprobe counts them, from its standard output only:
+// until the first audio chunk is on the card, the audio track's sample count
+// (frames accepted) runs ahead of its empty chunk table and ffprobe warns that
+// the audio stream is incomplete, which does not concern the video.
+long video_frames(const std::string &path) {
+  const auto r = testsupport::run_command(
+      "{ ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames "
+      "-of csv=p=0 '" +
+      path + "' 2>/dev/null; }");
+  return r.status == 0 && !r.output.empty() ? std::stol(r.output) : -1;
+}
+
 void take_snapshot(void *arg) {
   auto *s = static_cast<Snapshots *>(arg);
   if (++s->nodes % s->every != 0) return;
@@ -86,7 +98,7 @@ TEST(Recording, TwentySecondsPlayAndArePlayableAtEveryMoment) {
   long last = 0;
   for (const auto &shot : snaps.shots) {
     SCOPED_TRACE(shot.path);
-    const long frames = testsupport::ffprobe_frames(shot.path, "v");
+    const long frames = video_frames(shot.path);
     EXPECT_EQ(frames, static_cast<long>(shot.indexed));
     EXPECT_GE(frames, last);
     last = frames;
