@@ -268,6 +268,14 @@ MP4REC_API int mp4_write_one_aac(unsigned char *data, unsigned int length, int t
 MP4REC_API int mp4_write_pcm_h264(unsigned char *data, int length, mp4_handle *handle);
 MP4REC_API int mp4_write_end_h264(mp4_handle *handle);
 MP4REC_API int mp4_append_mp2(mp4_handle *handle);
+/* One H.264 NAL unit (with its 3- or 4-byte start code) into mdat of a handle
+ * made by mp4_write_head_h264: a non-IDR or IDR picture is written as one
+ * sample (4-byte big-endian length, then the NAL unit) and entered into the
+ * handle's own list; the first SPS and PPS are kept for avcC; other units are
+ * dropped. 0 on success, -1 for refused input (nothing written, the handle is
+ * kept), -2 when the write failed (the end step then reports -1). */
+MP4REC_API int mp4_write_video_node(unsigned char *data, int length, int timestamp,
+                                    mp4_handle *handle);
 MP4REC_API int mp4_write_add_index(mp4_handle *handle);
 MP4REC_API int mp4_write_moov_update(int kind, int value, videoNode *node, mp4_handle *handle,
                                      int frame_size);

@@ -1,0 +1,210 @@
+// Ending or repairing an H.264 file outside the normal close: a complete index
+// written from the handle's own lists into the index area at the front of the
+// file, the reserved front index brought up to date one sample at a time, and
+// the abandon that leaves the file as it was last patched.
+#include <cstdio>
+#include <initializer_list>
+
+#include "mp4/alt/at_end_boxes.h"
+#include "mp4/handle.h"
+#include "mp4/head.h"
+#include "mp4/index_update.h"
+
+namespace mp4rec {
+
+namespace {
+
+// The index area in front of the media: it ends 256 KiB behind the 32-byte
+// ftyp, whatever the handle's capacities. What lies between the last child
+// box and this offset stays as it was and belongs to moov.
+constexpr uint32_t kIndexAreaEnd = 0x40020;
+
+int32_t write_index_area(box::Sink &s, mp4_handle &h) {
+  if (!s || h.moovPos == kUnknownTs) return -1;
+  // Refuse rather than write the index over media data.
+  if (h.mdatPos >= h.moovPos && h.mdatPos < kIndexAreaEnd) {
+    MP4_ERR("mp4 add index : media data inside the index area\n");
+    return -1;
+  }
+  if (h.moovPos >= kIndexAreaEnd || alt::moov_size(h) > kIndexAreaEnd - h.moovPos) {
+    MP4_ERR("mp4 add index : index larger than its area\n");
+    return -1;
+  }
+  s.add(box::write_u32_at(s, h.mdatPos, relaxed(h.mediaBytes) + 8));
+  s.add(mp4_fseek(s.file(), static_cast<int>(h.moovPos), SEEK_SET));
+  box::Scope moov(s, "moov");
+  if (!moov.ok()) return -1;
+  s.add(alt::write_moov_children(s, h));
+  // To the end of the area (result not checked: the size patch reads the
+  // position it reached).
+  const int32_t here = s.tell();
+  mp4_fseek(s.file(), static_cast<int>(kIndexAreaEnd) - here, SEEK_CUR);
+  return moov.close();
+}
+
+// One step of the per-sample update: skipped, counting as a failure, once an
+// earlier write of the handle has failed.
+template <typename Fn>
+void step(box::Sink &s, Fn &&fn) {
+  s.add(s.status() != 0 ? -1 : fn());
+}
+
+// Writes `words` at a table's next free entry, moves the entry on and writes
+// the count: recomputed from the next free entry (entries of `entry_words`
+// words), or `fixed_count` when given.
+int32_t append_entry(box::Sink &s, uint32_t *table, int count_slot, int next_slot,
+                     std::initializer_list<uint32_t> words, uint32_t entry_words,
+                     const uint32_t *fixed_count = nullptr) {
+  FILE *file = s.file();
+  if (mp4_fseek(file, static_cast<int>(table[next_slot]), SEEK_SET) != 0) return -1;
+  for (uint32_t w : words) s.u32(w);
+  table[next_slot] += 4 * static_cast<uint32_t>(words.size());
+  const uint32_t count = fixed_count != nullptr
+                             ? *fixed_count
+                             : (table[next_slot] - table[count_slot] - 4) / 4 / entry_words;
+  if (mp4_fseek(file, static_cast<int>(table[count_slot]), SEEK_SET) != 0) return -1;
+  s.u32(count);
+  return s.status();
+}
+
+// Every sample is its own chunk: stsc becomes the single run (1, 1, 1). The
+// reserved table's count (one entry per possible chunk, all starting at
+// chunk 1) would contradict stco's.
+int32_t one_sample_per_chunk(box::Sink &s, uint32_t count_pos) {
+  if (mp4_fseek(s.file(), static_cast<int>(count_pos), SEEK_SET) != 0) return -1;
+  for (uint32_t w : {1u, 1u, 1u, 1u}) s.u32(w);  // count, then the entry
+  return s.status();
+}
+
+void raise_max_duration(mp4_handle &h, uint32_t d) {
+  if (d > h.maxDuration) h.maxDuration = d;
+}
+
+// One video sample: durations, decoder configuration, and one entry in each of
+// stts, stss (IDR only), stsz and stco; every sample is its own chunk.
+void update_video_sample(box::Sink &s, mp4_handle &h, uint32_t value, const videoNode &node) {
+  FILE *file = s.file();
+  updatePos &pos = *h.updatePos;
+  uint32_t *v = pos.videoPos;
+  ++h.videoSampleNumber;
+  const uint32_t d = value + kDurationPadMs;
+  raise_max_duration(h, d);
+  step(s, [&] { return mp4_write_tkhd_tag_update(file, &h, v, d); });
+  step(s, [&] { return mp4_write_edts_tag_update(file, &h, v, d); });
+  step(s, [&] { return mp4_write_mdhd_tag_update(file, &h, v, d); });
+  step(s, [&] { return mp4_write_stsd_tag_update(file, &h, v); });
+  // The previous time starts at all-ones, so the first delta is value + 1.
+  const uint32_t delta = value - pos.lastVideoTs;
+  pos.lastVideoTs = value;
+  step(s, [&] { return append_entry(s, v, kVSttsCount, kVSttsNext, {1, delta}, 2); });
+  if (node.type == 1) {
+    step(s, [&] { return append_entry(s, v, kVStssCount, kVStssNext, {h.videoSampleNumber}, 1); });
+  }
+  step(s, [&] { return one_sample_per_chunk(s, v[kVStscCount]); });
+  step(s, [&] { return append_entry(s, v, kVStszCount, kVStszNext, {node.size}, 1); });
+  const uint32_t offset = pos.dataPos;
+  v[kVChunkOffset] = offset;
+  pos.dataPos += node.size;
+  step(s, [&] { return append_entry(s, v, kVStcoCount, kVStcoNext, {offset}, 1); });
+}
+
+// One audio frame: durations, stts, and one entry in stsz and stco, whose
+// counts follow the frames accepted.
+void update_audio_frame(box::Sink &s, mp4_handle &h, uint32_t value, uint32_t frame_size) {
+  FILE *file = s.file();
+  updatePos &pos = *h.updatePos;
+  uint32_t *a = pos.audioPos;
+  const bool stamped = audioTimeStampFlag.load(std::memory_order_relaxed) == 1;
+  const uint32_t frames = relaxed(h.audioCount);
+  uint32_t d = value + kDurationPadMs;
+  if (!stamped) d = h.audioKHz != 0 ? frames * h.audioFrameSamples / h.audioKHz : 0;
+  std::printf("audioDuration:%d\n", static_cast<int>(d));
+  raise_max_duration(h, d);
+  step(s, [&] { return mp4_write_trak_tag_2_update(file, &h, a, d); });
+  step(s, [&] { return mp4_write_mdhd_tag_2_update(file, &h, a, d); });
+  if (!stamped) {
+    step(s, [&] {
+      if (mp4_fseek(file, static_cast<int>(a[kASttsCount] + 4), SEEK_SET) != 0) return -1;
+      s.u32(frames);
+      s.u32(h.audioFrameSamples);
+      return s.status();
+    });
+  } else {
+    const uint32_t delta = h.sampleRate * (value - pos.lastAudioTs) / 1000;
+    pos.lastAudioTs = value;
+    step(s, [&] { return append_entry(s, a, kASttsCount, kASttsNext, {1, delta}, 2); });
+  }
+  step(s, [&] { return one_sample_per_chunk(s, a[kAStscCount]); });
+  step(s, [&] { return append_entry(s, a, kAStszCount, kAStszNext, {frame_size}, 1, &frames); });
+  const uint32_t offset = pos.dataPos;
+  a[kAChunkOffset] = offset;
+  pos.dataPos += frame_size;
+  step(s, [&] { return append_entry(s, a, kAStcoCount, kAStcoNext, {offset}, 1, &frames); });
+}
+
+// Entries already in a reserved table, from its next free entry.
+uint32_t table_entries(const uint32_t *table, int count_slot, int next_slot) {
+  return (table[next_slot] - table[count_slot] - 4) / 4;
+}
+
+}  // namespace
+
+}  // namespace mp4rec
+
+extern "C" int mp4_write_add_index(mp4_handle *h) {
+  if (h == nullptr || h->file == nullptr || h->videoHead == nullptr) {
+    free_mp4_h264(h);
+    return -1;
+  }
+  mp4rec::box::Sink s{h->file, h->writeStatus};
+  s.add(mp4rec::write_index_area(s, *h));
+  if (h->writeStatus != 0) {
+    free_mp4_h264(h);
+    return -1;
+  }
+  const int r = mp4_fclose(h->file) == 0 ? 0 : -1;
+  h->file = nullptr;
+  free_mp4_h264(h);
+  return r;
+}
+
+extern "C" int mp4_write_moov_update(int kind, int value, videoNode *node, mp4_handle *h,
+                                     int frame_size) {
+  using namespace mp4rec;
+  if (h == nullptr || (kind == 1 && node == nullptr) || h->updatePos == nullptr ||
+      h->updatePos->videoPos == nullptr || h->updatePos->audioPos == nullptr ||
+      h->file == nullptr) {
+    return -1;
+  }
+  // The reserved tables cannot grow: a sample beyond them would be written
+  // over the boxes that follow.
+  const updatePos &pos = *h->updatePos;
+  if ((kind == 1 && table_entries(pos.videoPos, kVStszCount, kVStszNext) >= h->maxVideoFrames) ||
+      (kind == 2 && table_entries(pos.audioPos, kAStszCount, kAStszNext) >= h->maxAudioFrames)) {
+    MP4_ERR("mp4 write index : frame number out of range\n");
+    return -1;
+  }
+  FILE *file = h->file;
+  const int resume = mp4_ftell(file);
+  if (resume < 0 || !patch_mdat_size(file, h)) {
+    std::printf("mp4_fseek error");
+    return -1;
+  }
+  box::Sink s{file, h->writeStatus};
+  if (kind == 1) {
+    update_video_sample(s, *h, static_cast<uint32_t>(value), *node);
+  } else if (kind == 2) {
+    update_audio_frame(s, *h, static_cast<uint32_t>(value), static_cast<uint32_t>(frame_size));
+  }
+  step(s, [&] { return patch_mvhd_duration(file, h) ? s.status() : -1; });
+  s.add(mp4_fseek(file, resume, SEEK_SET));
+  return h->writeStatus;
+}
+
+// Nothing is written: the file keeps its mdat size and index as last patched.
+// The patch-position record goes with the rest of the handle.
+extern "C" int mp4_close_without_end(mp4_handle *h) {
+  if (h == nullptr) return -1;
+  free_mp4_h264(h);
+  return 0;
+}
