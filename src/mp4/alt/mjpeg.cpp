@@ -125,6 +125,7 @@ extern "C" mp4_mjpeg_ctx *mp4_write_head_jpeg(const char *mp4_path, const char *
 
 extern "C" int mp4_write_one_jpeg(unsigned char *data, int length, int timestamp,
                                   mp4_mjpeg_ctx *ctx) {
+  if (ctx == nullptr) return -1;  // e.g. an abandoned handler: nothing to release
   if (data == nullptr || ctx->file == nullptr || length < 1 || timestamp < 0) {
     mjpeg_release(ctx);
     return -1;
@@ -153,6 +154,7 @@ extern "C" int mp4_write_one_jpeg(unsigned char *data, int length, int timestamp
 }
 
 extern "C" int mp4_write_pcm_jpeg(unsigned char *data, int length, mp4_mjpeg_ctx *ctx) {
+  if (ctx == nullptr) return -1;
   const int block = ctx->audioFormat == 1 ? mp4rec::kPcm8Block : mp4rec::kPcm16Block;
   if (data == nullptr || ctx->mp2File == nullptr || length < 1 || length % block != 0) {
     mjpeg_release(ctx);
@@ -174,6 +176,7 @@ extern "C" int mp4_write_pcm_jpeg(unsigned char *data, int length, mp4_mjpeg_ctx
 }
 
 extern "C" int mp4_write_end_jpeg(mp4_mjpeg_ctx *ctx) {
+  if (ctx == nullptr) return -1;
   if (ctx->mp2File == nullptr || ctx->file == nullptr || ctx->videoHead == nullptr) {
     mjpeg_release(ctx);
     return -1;
