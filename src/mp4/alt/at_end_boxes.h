@@ -12,6 +12,9 @@
 
 namespace mp4rec::alt {
 
+// moovPos of a file without an index area in front of its media.
+inline constexpr uint32_t kNoIndexArea = 0xFFFFFFFFu;
+
 // Head: ftyp, free and the mdat header (size 0 until the end). Sets mdatPos.
 int32_t write_head(box::Sink &s, mp4_mjpeg_ctx &ctx);
 int32_t write_head(box::Sink &s, mp4_handle &h);

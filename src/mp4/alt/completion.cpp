@@ -20,7 +20,7 @@ namespace {
 constexpr uint32_t kIndexAreaEnd = 0x40020;
 
 int32_t write_index_area(box::Sink &s, mp4_handle &h) {
-  if (!s || h.moovPos == kUnknownTs) return -1;
+  if (!s || h.moovPos == alt::kNoIndexArea) return -1;
   // Refuse rather than write the index over media data.
   if (h.mdatPos >= h.moovPos && h.mdatPos < kIndexAreaEnd) {
     MP4_ERR("mp4 add index : media data inside the index area\n");

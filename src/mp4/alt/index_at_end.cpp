@@ -113,7 +113,7 @@ extern "C" mp4_handle *mp4_write_head_h264(const char *mp4_path, const char *mp2
   h->sampleRate = 16000;
   // No index area in front: mp4_write_add_index refuses this handle rather
   // than write an index over the head of the file.
-  h->moovPos = kUnknownTs;
+  h->moovPos = alt::kNoIndexArea;
 
   if (mp4_path == nullptr || mp2_tmp_path == nullptr) {
     MP4_ERR("mp4 open write head : file path error\n");
@@ -164,6 +164,10 @@ extern "C" mp4_handle *mp4_write_head_h264(const char *mp4_path, const char *mp2
 extern "C" int mp4_write_video_node(unsigned char *data, int length, int timestamp, mp4_handle *h) {
   if (h == nullptr || data == nullptr || h->file == nullptr || length < 1 || timestamp < 0) {
     MP4_ERR("mp4 write video node : param error\n");
+    return -1;
+  }
+  if (h->dataBuffer != nullptr) {  // its samples reach the file through the writer thread
+    MP4_ERR("mp4 write video node : handle has a data buffer\n");
     return -1;
   }
   const int sc = start_code_length(data, length);
