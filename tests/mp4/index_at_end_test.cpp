@@ -192,6 +192,19 @@ TEST(IndexAtEndAudio, SideFileRefusalsRelease) {
   EXPECT_EQ(pcm.side(Bytes(575)), -1);
 }
 
+TEST(IndexAtEndAudio, AacGoesToABoundDataBuffer) {
+  Recording r(3);
+  ASSERT_NE(r.h, nullptr);
+  mp4_data_buffer *db = mp4_write_data_buffer_create(262144, 16384);
+  ASSERT_NE(db, nullptr);
+  ASSERT_EQ(mp4_set_data_buffer(r.h, db), 0);
+  EXPECT_EQ(r.side(adts(40)), 0);  // the buffer's result, the handle kept
+  EXPECT_EQ(std::filesystem::file_size(r.mp2), 0u);
+  EXPECT_EQ(r.video(nal(0x65, 30), 0), -1);  // samples go one way only
+  EXPECT_EQ(mp4_write_data_buffer_delete(db), 0);
+  free_mp4_h264(r.h);
+}
+
 TEST(IndexAtEndAudio, PcmIsEncodedToMp2) {
   Recording r(2);
   ASSERT_NE(r.h, nullptr);
