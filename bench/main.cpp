@@ -205,7 +205,7 @@ int record(int argc, char **argv) {
 
   std::vector<const BackendInfo *> chosen;
   const std::string list =
-      args.get("backends", "baseline,fwrite,mp4rec,lavf,lavf-faststart,lavf-frag");
+      args.get("backends", "baseline,fwrite,fwrite-thread,mp4rec,lavf,lavf-faststart,lavf-frag");
   for (const auto &name : split(list, ',')) {
     const BackendInfo *b = find_backend(name);
     if (!b) {

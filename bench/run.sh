@@ -86,20 +86,20 @@ validate
 section "1080p30 into tmpfs: frames as fast as taken, at ordinary priority"
 text "The same without the raised priority: a writer thread that is not scheduled at once lets" \
   "its producer run ahead; the frame calls then show what the back end does when that happens."
-cmd_plain "$bin" record "${v1080[@]}" --reps 3 --dir "$work" --backends baseline,fwrite,mp4rec,lavf
+cmd_plain "$bin" record "${v1080[@]}" --reps 3 --dir "$work" --backends baseline,fwrite,fwrite-thread,mp4rec,lavf
 
 section "1080p30 into tmpfs: frames as fast as taken, on one core"
 text "All threads pinned to one core (taskset -c 0, ordinary priority): the CPU cost without" \
   "the two cores' caches handing the buffered data from one to the other."
 cmd_plain taskset -c 0 "$bin" record "${v1080[@]}" --reps "$reps" --dir "$work" \
-  --backends baseline,fwrite,mp4rec,lavf,lavf-frag
+  --backends baseline,fwrite,fwrite-thread,mp4rec,lavf,lavf-frag
 
 section "1080p30 into tmpfs: frames at 10 × real time"
 text "The latency figures: frames handed over at ten times the pace of their time stamps" \
   "(300 frames/s, 5 MB/s), so that a writer thread has time between frames as in a camera." \
   "The CPU figures are net of the baseline, which pays the harness's sleeps and wake-ups."
 cmd "$bin" record "${v1080[@]}" --reps "$reps" --dir "$work" --speed 10 \
-  --backends baseline,fwrite,mp4rec,lavf,lavf-frag
+  --backends baseline,fwrite,fwrite-thread,mp4rec,lavf,lavf-frag
 
 section "640x480, 1 Mbit/s, into tmpfs: frames as fast as the back end takes them"
 cmd "$bin" record "${v480[@]}" --reps "$reps" --dir "$work" --keep "$work/keep"
@@ -107,7 +107,7 @@ validate
 
 section "Slow card: 1080p into a stream paced to 10 MB/s, frames as fast as taken"
 cmd "$bin" record "${v1080[@]}" --reps "$reps" --dir "$work" --throttle-mbps 10 \
-  --backends baseline,fwrite,mp4rec,lavf,lavf-frag
+  --backends baseline,fwrite,fwrite-thread,mp4rec,lavf,lavf-frag
 
 if [ "${SLOW_REALTIME:-1}" != 0 ]; then
   section "Slow card: 1080p into a stream paced to 10 MB/s, frames at their time stamps"
@@ -132,21 +132,6 @@ for b in fwrite mp4rec lavf lavf-faststart lavf-frag; do
   o=$(( $(count pwrite64) + $(count writev) ))
   text "| $b | ${w:-0} | ${l:-0} | $fs | $o |"
 done
-
-if [ "${PROFILE:-1}" != 0 ] && command -v perf >/dev/null &&
-  perf record -q -e cpu-clock -o "$tmp/probe.data" true >/dev/null 2>&1; then
-  section "Where the CPU goes (perf, cpu-clock samples, kernel included)"
-  text "Five 1080p recordings per back end, frames as fast as taken; samples of the recording" \
-    "child only (its threads are named rec-<back end>), symbols above 1.5 % of that child."
-  "${prio[@]}" perf record -q -e cpu-clock -F 20000 -o "$tmp/perf.data" -- "$bin" record "${v1080[@]}" \
-    --reps 5 --dir "$work" --backends fwrite,mp4rec --quiet --no-memory >/dev/null 2>&1 || true
-  for c in rec-fwrite rec-mp4rec; do
-    text "" "\`$c\`:" '```'
-    perf report -i "$tmp/perf.data" --comms "$c" --no-children --percentage relative \
-      --sort sym --stdio -g none 2>/dev/null | grep '%' | awk '$1+0 >= 1.5' | head -25 >>"$tmp/body" || true
-    text '```'
-  done
-fi
 
 if [ "${PROFILE:-1}" != 0 ] && command -v valgrind >/dev/null; then
   section "User-space instructions of mp4rec's recording (callgrind)"
