@@ -1,0 +1,87 @@
+// Helpers of the session tests: the host's side of the public road.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/internal.h"
+#include "support/media.h"
+
+namespace sessiontest {
+
+using namespace std::chrono_literals;
+
+inline bool exists(const std::string &path) {
+  return std::filesystem::exists(path);
+}
+
+// True once the pre-open slot holds a handler (looked at under its lock).
+inline bool slot_filled() {
+  pthread_mutex_lock(&mutex_mp4_open);
+  const bool filled = g_mp4_handler != nullptr;
+  pthread_mutex_unlock(&mutex_mp4_open);
+  return filled;
+}
+
+// Polls `ready` every 5 ms for up to `limit`.
+template <typename Pred>
+bool eventually(Pred ready, std::chrono::milliseconds limit = 20s) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!ready()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(5ms);
+  }
+  return true;
+}
+
+// What a host does after posting a pre-open: wait for the file, then ask
+// mp4_write_open until it stops answering 1.
+struct Opened {
+  int rc = -1;
+  mp4_handler *handler = nullptr;
+  std::string mp4_path;
+  std::string mp2_tmp_path;
+};
+inline Opened open_when_ready(mp4_base *base) {
+  Opened o;
+  if (!eventually(slot_filled)) return o;
+  char mp4_path[256] = {};
+  char mp2_path[256] = {};
+  for (int i = 0; i < 2000; ++i) {
+    o.rc = mp4_write_open(base, mp4_path, mp2_path, &o.handler);
+    if (o.rc != 1) break;
+    std::this_thread::sleep_for(2ms);
+  }
+  o.mp4_path = mp4_path;
+  o.mp2_tmp_path = mp2_path;
+  return o;
+}
+
+// A session with the stream info the tests use.
+inline mp4_session *new_session(const std::string &mp4_path, const std::string &mp2_path,
+                                int frame_rate = 25, uint32_t seconds = 60) {
+  mp4_session *s = mp4_session_new(0, mp4_path.c_str(), mp2_path.c_str());
+  if (s != nullptr) {
+    s->stream_info->video_frame_rate = frame_rate;
+    s->stream_info->record_duration = seconds;
+    s->stream_info->audio_sample_rate = 16000;
+  }
+  return s;
+}
+
+// One access unit as an encoder hands it over: its NAL units back to back.
+inline std::vector<uint8_t> joined(const std::vector<testsupport::Nal> &nals) {
+  std::vector<uint8_t> out;
+  for (const auto &n : nals) out.insert(out.end(), n.bytes.begin(), n.bytes.end());
+  return out;
+}
+
+}  // namespace sessiontest
