@@ -5,9 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -44,11 +46,25 @@ AvMedia load_av(int width, int height, int fps, double seconds, int gop) {
     m.idr.push_back(au.back().type() == 5);
   }
   m.aac = testsupport::split_adts(testsupport::read_file(testsupport::aac_stream(16000, seconds)));
+  // The encoder's priming and padding frames run past the pictures; a camera's
+  // audio stops with its video.
+  while (!m.aac.empty() && AvMedia::audio_ts(m.aac.size() - 1) >= seconds * 1000) m.aac.pop_back();
   return m;
 }
 
-double stream_duration(const std::string &path, const std::string &kind) {
-  return std::stod(testsupport::ffprobe_stream_field(path, kind, "duration"));
+// Where a stream ends as a player sees it: the latest packet end, in seconds.
+double stream_end(const std::string &path, const std::string &kind) {
+  const auto r = testsupport::run_command(
+      "ffprobe -v error -select_streams " + kind +
+      ":0 -show_entries packet=pts_time,duration_time -of csv=p=0 '" + path + "'");
+  double end = -1;
+  std::istringstream lines(r.output);
+  for (std::string line; std::getline(lines, line);) {
+    const auto comma = line.find(',');
+    if (comma == std::string::npos) continue;
+    end = std::max(end, std::stod(line.substr(0, comma)) + std::stod(line.substr(comma + 1)));
+  }
+  return end;
 }
 
 // Feeds video through the splitter and audio frame by frame, in time-stamp
@@ -118,10 +134,11 @@ TEST(Road, H264AndAacThroughTheSplitter) {
   ASSERT_EQ(mp4_write_register(rec.base, count_call, &batches), 0);
 
   feed(m, rec.opened.handler, [](size_t) {});
-  // Batches reach the card while recording, and the index follows them.
-  EXPECT_GT(batches.load(), 2);
   EXPECT_EQ(mp4_write_close(rec.opened.handler), 0);
   EXPECT_TRUE(log.has("close with index in the front\n", 7, 37));
+  // Every full node reached the card from the writer thread: over 1 MB of video
+  // in 256 KiB nodes.
+  EXPECT_GE(batches.load(), 4);
 
   const std::string kept = dir.file("kept.mp4");
   rec.finish(kept);
@@ -130,7 +147,7 @@ TEST(Road, H264AndAacThroughTheSplitter) {
   EXPECT_EQ(testsupport::ffprobe_frames(kept, "v"), static_cast<long>(m.units.size()));
   EXPECT_EQ(testsupport::ffprobe_packets(kept, "a"), static_cast<long>(m.aac.size()));
   EXPECT_EQ(testsupport::ffmpeg_decode_errors(kept), "");
-  const double dv = stream_duration(kept, "v"), da = stream_duration(kept, "a");
+  const double dv = stream_end(kept, "v"), da = stream_end(kept, "a");
   EXPECT_NEAR(dv, da, 0.064) << "video " << dv << " s, audio " << da << " s";
   EXPECT_NEAR(dv, 4.0, 0.1);
 }
@@ -195,9 +212,9 @@ TEST(Road, MjpegAndPcm) {
 
   EXPECT_EQ(testsupport::ffprobe_frames(kept, "v"), static_cast<long>(pictures.size()));
   EXPECT_EQ(testsupport::ffprobe_packets(kept, "a"), static_cast<long>(blocks));
-  EXPECT_EQ(testsupport::ffprobe_stream_field(kept, "a", "codec_name"), "mp2");
+  EXPECT_EQ(testsupport::ffprobe_stream_field(kept, "a", "sample_rate"), "16000");
   EXPECT_EQ(testsupport::ffmpeg_decode_errors(kept), "");
-  const double dv = stream_duration(kept, "v"), da = stream_duration(kept, "a");
+  const double dv = stream_end(kept, "v"), da = stream_end(kept, "a");
   EXPECT_NEAR(dv, da, 0.072) << "video " << dv << " s, audio " << da << " s";
 }
 
