@@ -16,6 +16,9 @@ namespace {
 // that a spurious wake-up of the thread never makes a file by itself.
 bool g_request_pending = false;
 
+// The thread's own name in its log lines.
+constexpr const char *kThreadName = "mp4_write_pre_open_thread";
+
 // mp4_write_open_first looks at the slot 22 times, sleeping 1 s in between.
 constexpr int kOpenFirstLastLook = 20;
 
@@ -53,7 +56,7 @@ HandlerPtr generate(const Request &req, HandlerPtr handler) {
       handler->mp4_handle = mp4_write_head_h264_index(req.mp4_path, req.mp2_tmp_path, req.width,
                                                       req.height, req.audio_format, info);
       if (handler->mp4_handle == nullptr) {
-        MP4_LOG_AS("mp4_write_pre_open_thread", mp4rec::kLogError, mp4rec::kModRecorder,
+        MP4_LOG_AS(kThreadName, mp4rec::kLogError, mp4rec::kModRecorder,
                    "mp4 open : write head of h264 error\n");
         return nullptr;
       }
@@ -65,13 +68,13 @@ HandlerPtr generate(const Request &req, HandlerPtr handler) {
           mp4_write_head_jpeg(req.mp4_path, req.mp2_tmp_path, req.width, req.height,
                               static_cast<unsigned int>(req.audio_format));
       if (handler->mp4_handle == nullptr) {
-        MP4_LOG_AS("mp4_write_pre_open_thread", mp4rec::kLogError, mp4rec::kModRecorder,
+        MP4_LOG_AS(kThreadName, mp4rec::kLogError, mp4rec::kModRecorder,
                    "mp4 open : write head of jpeg error\n");
         return nullptr;
       }
       return handler;
     default:
-      MP4_LOG_AS("mp4_write_pre_open_thread", mp4rec::kLogError, mp4rec::kModRecorder,
+      MP4_LOG_AS(kThreadName, mp4rec::kLogError, mp4rec::kModRecorder,
                  "mp4 open : video format error\n");
       return nullptr;
   }

@@ -177,6 +177,33 @@ TEST(PreOpen, OpenFirstReplacesTheAttachedSession) {
   mp4_base_free(base);
 }
 
+TEST(PreOpen, RequestsThatMakeNoFileLeaveTheSlotEmpty) {
+  TempDir dir;
+  LogCapture log;
+  mp4_base *base = mp4_base_new();
+  ASSERT_NE(base, nullptr);
+  struct Case {
+    int width, video_format, audio_format;
+    const char *message;
+  };
+  for (const Case c : {Case{320, 0, 3, "mp4 open : video format error\n"},
+                       Case{0, 2, 3, "mp4 open : write head of h264 error\n"},
+                       Case{320, 2, 4, "mp4 open : write head of h264 error\n"},
+                       Case{320, 1, 3, "mp4 open : write head of jpeg error\n"}}) {
+    SCOPED_TRACE(c.message);
+    const int before = log.count(c.message);
+    mp4_session *s = new_session(dir.file("a.mp4"), dir.file("a.mp2"));
+    ASSERT_NE(s, nullptr);
+    ASSERT_EQ(mp4_write_pre_open(base, s, c.width, 240, c.video_format, c.audio_format), 0);
+    ASSERT_TRUE(eventually([&] { return log.count(c.message) == before + 1; }));
+    EXPECT_EQ(log.find(c.message).function, "mp4_write_pre_open_thread");
+    EXPECT_FALSE(slot_filled());
+    EXPECT_EQ(mp4_session_pop(base), s);
+    mp4_session_free(s);
+  }
+  mp4_base_free(base);
+}
+
 TEST(PreOpen, AnEmptySlotCostsTheSession) {
   TempDir dir;
   LogCapture log;
