@@ -76,8 +76,10 @@ constexpr int kAdtsHeader = 7;
 
 extern "C" MP4REC_API int mp4_write_open(mp4_base *base, char *mp4_path_out, char *mp2_tmp_path_out,
                                          mp4_handler **handler_out) {
-  if (handler_out == nullptr) {
+  // A missing base is refused like a missing result pointer rather than crashed on.
+  if (handler_out == nullptr || base == nullptr) {
     MP4_ERR("arg NULL\n");
+    if (handler_out != nullptr) *handler_out = nullptr;
     return -1;
   }
   // The pre-open thread holds its mutex for as long as it makes a file.

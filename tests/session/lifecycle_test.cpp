@@ -220,6 +220,10 @@ TEST(PreOpen, AnEmptySlotCostsTheSession) {
   char p1[256], p2[256];
   EXPECT_EQ(mp4_write_open(base, p1, p2, nullptr), -1);
   EXPECT_TRUE(log.has("arg NULL\n", 3, 37));
+  EXPECT_EQ(mp4_write_open(nullptr, p1, p2, &handler), -1);
+  EXPECT_EQ(handler, nullptr);
+  EXPECT_EQ(log.count("arg NULL\n"), 2);
+  handler = reinterpret_cast<mp4_handler *>(0x1);
   EXPECT_EQ(base->mp4_session, a);
 
   EXPECT_EQ(mp4_write_open(base, p1, p2, &handler), -1);
