@@ -359,6 +359,12 @@ int record(int argc, char **argv) {
                     ratio < frag ? "mp4rec below it" : "mp4rec not below it");
       }
       if (has("lavf")) std::printf("; libavformat default %.2f ×", m("lavf", cpu_of) / floor_cpu);
+      if (has("fwrite-thread"))
+        std::printf(
+            "; the floor written from a writer thread %.2f ×, so mp4rec's own work is "
+            "%.2f × that",
+            m("fwrite-thread", cpu_of) / floor_cpu,
+            m("mp4rec", cpu_of) / m("fwrite-thread", cpu_of));
       std::printf(".\n");
     }
     if (has("lavf")) {
