@@ -201,13 +201,13 @@ int mp4_write_data_buffer_delete(mp4_data_buffer *data) {
 
 int DataBuffer_FreeVideoTrack(mp4_buffer_node *node) {
   if (node == nullptr || node->nal_head == nullptr) return 0;
-  free_video_list(node->nal_head, node->nal_tail);
+  list_free(node->nal_head, node->nal_tail);
   return 0;
 }
 
 int DataBuffer_FreeAACTrack(mp4_buffer_node *node) {
   if (node == nullptr || node->aac_head == nullptr) return 0;
-  free_audio_list(node->aac_head, node->aac_tail);
+  list_free(node->aac_head, node->aac_tail);
   return 0;
 }
 

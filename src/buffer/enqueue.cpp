@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "buffer/data_buffer.h"
+#include "mp4/node_list.h"
 
 using namespace mp4rec;
 
@@ -124,14 +125,8 @@ void DataBuffer_NalistInsert(videoNode *vnode, mp4_buffer_node *node) {
     MP4_ERR(" input arg error\n");
     return;
   }
-  vnode->next = nullptr;
   node->frame_count += 1;
-  if (node->nal_head == nullptr) {
-    node->nal_head = vnode;
-  } else {
-    node->nal_tail->next = vnode;
-  }
-  node->nal_tail = vnode;
+  list_append(node->nal_head, node->nal_tail, vnode);
 }
 
 void DataBuffer_AAClistInsert(audioNode *anode, mp4_buffer_node *node) {
@@ -139,14 +134,8 @@ void DataBuffer_AAClistInsert(audioNode *anode, mp4_buffer_node *node) {
     MP4_LOG(kLogProgress, kModRecorder, "mp4 write audio : buffer insert param error\n");
     return;
   }
-  anode->next = nullptr;
   node->frame_count += 1;
-  if (node->aac_head == nullptr) {
-    node->aac_head = anode;
-  } else {
-    node->aac_tail->next = anode;
-  }
-  node->aac_tail = anode;
+  list_append(node->aac_head, node->aac_tail, anode);
 }
 
 int mp4_write_data_buffer_write_video_index(mp4_data_buffer *data, unsigned char *payload,

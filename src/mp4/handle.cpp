@@ -18,43 +18,13 @@ mp4_handle *handle_alloc() {
 }
 
 void handle_append_video(mp4_handle *h, videoNode *node) {
-  node->next = nullptr;
+  list_append(h->videoHead, h->videoTail, node);
   h->videoCount.fetch_add(1, std::memory_order_relaxed);
-  if (h->videoHead == nullptr) {
-    h->videoHead = node;
-  } else {
-    h->videoTail->next = node;
-  }
-  h->videoTail = node;
 }
 
 void handle_append_audio(mp4_handle *h, audioNode *node) {
-  node->next = nullptr;
+  list_append(h->audioHead, h->audioTail, node);
   h->audioCount.fetch_add(1, std::memory_order_relaxed);
-  if (h->audioHead == nullptr) {
-    h->audioHead = node;
-  } else {
-    h->audioTail->next = node;
-  }
-  h->audioTail = node;
-}
-
-template <typename Node>
-static void free_list(Node *&head, Node *&tail) {
-  for (Node *n = head; n != nullptr;) {
-    Node *next = n->next;
-    std::free(n);
-    n = next;
-  }
-  head = nullptr;
-  tail = nullptr;
-}
-
-void free_video_list(videoNode *&head, videoNode *&tail) {
-  free_list(head, tail);
-}
-void free_audio_list(audioNode *&head, audioNode *&tail) {
-  free_list(head, tail);
 }
 
 }  // namespace mp4rec
@@ -73,7 +43,7 @@ extern "C" void free_mp4_h264(mp4_handle *h) {
   h->sps = nullptr;
   std::free(h->pps);
   h->pps = nullptr;
-  mp4rec::free_video_list(h->videoHead, h->videoTail);
+  mp4rec::list_free(h->videoHead, h->videoTail);
   if (h->updatePos != nullptr) {
     std::free(h->updatePos->videoPos);
     h->updatePos->videoPos = nullptr;
@@ -82,7 +52,7 @@ extern "C" void free_mp4_h264(mp4_handle *h) {
     std::free(h->updatePos);
     h->updatePos = nullptr;
   }
-  mp4rec::free_audio_list(h->audioHead, h->audioTail);
+  mp4rec::list_free(h->audioHead, h->audioTail);
   MP2_encode_close(h->mp2Encoder);
   h->mp2Encoder = nullptr;
   std::free(h);

@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "common/internal.h"
+#include "mp4/node_list.h"
 
 // Slots of the video position table (41 words): file offsets of every box and
 // field that the in-place index update reads or patches.
@@ -149,9 +150,6 @@ inline constexpr uint32_t kMp4EpochOffset = 2082844800u;
 // Appends at the tail of the handle's own lists (next cleared, count raised).
 void handle_append_video(mp4_handle *h, videoNode *node);
 void handle_append_audio(mp4_handle *h, audioNode *node);
-// Frees a node list from its head and clears head and tail.
-void free_video_list(videoNode *&head, videoNode *&tail);
-void free_audio_list(audioNode *&head, audioNode *&tail);
 
 }  // namespace mp4rec
 

@@ -7,61 +7,13 @@
 
 #include "buffer/data_buffer.h"
 #include "mp4/handle.h"
+#include "mp4/nal.h"
 
-namespace {
-
-// How a NAL unit is classified; only pictures become samples.
-enum NalClass : int32_t {
-  kNalOther = -1,
-  kNalPicture = 0,  // non-IDR slice
-  kNalIdr = 1,
-  kNalSps = 2,
-  kNalPps = 3,
-  kNalSei = 4,
-};
-
-constexpr NalClass classify(uint8_t nal_header) {
-  switch (nal_header & 0x1F) {
-    case 1:
-      return kNalPicture;
-    case 5:
-      return kNalIdr;
-    case 6:
-      return kNalSei;
-    case 7:
-      return kNalSps;
-    case 8:
-      return kNalPps;
-    default:
-      return kNalOther;
-  }
-}
-static_assert(classify(0x65) == kNalIdr && classify(0x41) == kNalPicture);
-static_assert(classify(0x67) == kNalSps && classify(0x68) == kNalPps && classify(0x06) == kNalSei);
-
-// Length of the Annex B start code in front of a unit of `length` bytes, or 0
-// when there is none: 00 00 00 01 needs at least one byte behind it.
-int start_code_length(const uint8_t *data, int length) {
-  if (data[0] != 0 || data[1] != 0) return 0;
-  if (data[2] == 0 && data[3] == 1 && length >= 5) return 4;
-  if (data[2] == 1) return 3;
-  return 0;
-}
-
-// Keeps the first copy of a parameter set for the whole file. False when the
-// copy cannot be allocated.
-bool keep_first(uint8_t *&copy, uint32_t &copy_len, const uint8_t *unit, uint32_t len) {
-  if (copy_len != 0) return true;
-  auto *mem = static_cast<uint8_t *>(std::malloc(len > 0 ? len : 1));
-  if (mem == nullptr) return false;
-  std::memcpy(mem, unit, len);
-  std::free(copy);
-  copy = mem;
-  copy_len = len;
-  return true;
-}
-
-}  // namespace
+using mp4rec::kNalIdr;
+using mp4rec::kNalPicture;
+using mp4rec::kNalPps;
+using mp4rec::kNalSps;
+using mp4rec::NalClass;
 
 extern "C" {
 
@@ -72,20 +24,22 @@ int mp4_write_one_h264(unsigned char *data, int length, int timestamp, mp4_handl
     free_mp4_h264(handle);
     return -1;
   }
-  const int sc = start_code_length(data, length);
+  const int sc = mp4rec::nal_start_code_length(data, length);
   if (sc == 0) {
     MP4_ERR("mp4 write video : h264 nal head error\n");
     free_mp4_h264(handle);
     return -1;
   }
-  const NalClass nal = classify(data[sc]);
+  const NalClass nal = mp4rec::classify_nal(data[sc]);
   const auto unit_len = static_cast<uint32_t>(length - sc);
-  if (nal == kNalSps && !keep_first(handle->sps, handle->spsLen, data + sc, unit_len)) {
+  if (nal == kNalSps &&
+      !mp4rec::keep_first_parameter_set(handle->sps, handle->spsLen, data + sc, unit_len)) {
     MP4_ERR("mp4 write video : malloc sps space error\n");
     free_mp4_h264(handle);
     return -1;
   }
-  if (nal == kNalPps && !keep_first(handle->pps, handle->ppsLen, data + sc, unit_len)) {
+  if (nal == kNalPps &&
+      !mp4rec::keep_first_parameter_set(handle->pps, handle->ppsLen, data + sc, unit_len)) {
     MP4_ERR("mp4 write video : malloc pps space\n");
     free_mp4_h264(handle);
     return -1;

@@ -157,6 +157,18 @@ extern "C" MP4REC_API int mp4_pre_open_init(void) {
   return 0;
 }
 
+namespace {
+
+// Attaches the session to the base and posts its request to the thread.
+void attach_and_request(mp4_base *base, mp4_session *session, int width, int height,
+                        int video_format, int audio_format) {
+  base->mp4_session = session;
+  mp4_pre_open_start(session, session->mp4_path, session->mp2_tmp_path, width, height, video_format,
+                     audio_format);
+}
+
+}  // namespace
+
 extern "C" MP4REC_API int mp4_write_pre_open(mp4_base *base, mp4_session *session, int width,
                                              int height, int video_format, int audio_format) {
   if (base == nullptr) {
@@ -171,9 +183,7 @@ extern "C" MP4REC_API int mp4_write_pre_open(mp4_base *base, mp4_session *sessio
     MP4_ERR("input mp4_session NULL\n");
     return -1;
   }
-  base->mp4_session = session;
-  mp4_pre_open_start(session, session->mp4_path, session->mp2_tmp_path, width, height, video_format,
-                     audio_format);
+  attach_and_request(base, session, width, height, video_format, audio_format);
   return 0;
 }
 
@@ -188,9 +198,7 @@ extern "C" MP4REC_API int mp4_write_open_first(mp4_base *base, mp4_session *sess
     return -1;
   }
   // Replaces whatever session was attached.
-  base->mp4_session = session;
-  mp4_pre_open_start(session, session->mp4_path, session->mp2_tmp_path, width, height, video_format,
-                     audio_format);
+  attach_and_request(base, session, width, height, video_format, audio_format);
 
   for (int look = 0;;) {
     pthread_mutex_lock(&mutex_mp4_open);

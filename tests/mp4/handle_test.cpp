@@ -60,7 +60,7 @@ TEST(Handle, ListsAppendAtTheTailAndCount) {
   EXPECT_EQ(h->videoTail->timeStamp, 2u);
   EXPECT_EQ(h->audioTail->timeStamp, 12u);
 
-  mp4rec::free_video_list(h->videoHead, h->videoTail);
+  mp4rec::list_free(h->videoHead, h->videoTail);
   EXPECT_EQ(h->videoHead, nullptr);
   EXPECT_EQ(h->videoTail, nullptr);
   free_mp4_h264(h);  // frees the audio list; the sanitizer build checks nothing leaks

@@ -6,11 +6,15 @@
 
 #include <cstdint>
 
+#include "audio/pcm_to_mp2.h"
 #include "mp4/alt/mjpeg.h"
 #include "mp4/box.h"
 #include "mp4/handle.h"
 
 namespace mp4rec::alt {
+
+// The one buffer through which the side file's frames are copied at the end.
+inline constexpr unsigned kSideFileBufferBytes = 65536;
 
 // moovPos of a file without an index area in front of its media.
 inline constexpr uint32_t kNoIndexArea = 0xFFFFFFFFu;
@@ -31,6 +35,11 @@ int32_t write_moov_children(box::Sink &s, const mp4_handle &h);
 // Exact size of the moov that write_end / write_moov_children produce for a
 // handle (the moov header included).
 uint32_t moov_size(const mp4_handle &h);
+
+// Ends an H.264 file whose index has been written: a non-zero writeStatus
+// releases the handle and gives -1; otherwise the file is closed, the handle
+// released, and the result is 0, or -1 when the close failed.
+int close_and_release(mp4_handle *h);
 
 // Creation time of a new file: now, in seconds since 1904-01-01.
 uint32_t creation_time_now();

@@ -158,14 +158,7 @@ extern "C" int mp4_write_add_index(mp4_handle *h) {
   }
   mp4rec::box::Sink s{h->file, h->writeStatus};
   s.add(mp4rec::write_index_area(s, *h));
-  if (h->writeStatus != 0) {
-    free_mp4_h264(h);
-    return -1;
-  }
-  const int r = mp4_fclose(h->file) == 0 ? 0 : -1;
-  h->file = nullptr;
-  free_mp4_h264(h);
-  return r;
+  return mp4rec::alt::close_and_release(h);
 }
 
 extern "C" int mp4_write_moov_update(int kind, int value, videoNode *node, mp4_handle *h,

@@ -8,37 +8,15 @@
 
 #include "mp4/alt/at_end_boxes.h"
 #include "mp4/handle.h"
+#include "mp4/nal.h"
 
 namespace mp4rec {
 
 namespace {
 
-constexpr int kPcm8Block = 576;
-constexpr int kPcm16Block = 2304;
 constexpr int kAdtsHeader = 7;
 constexpr int kMaxAacFrame = 1024;
-constexpr unsigned kCopyBufferSize = 65536;
 constexpr int kH264Mp2Bitrate = 24000;  // as on the front-index road
-
-enum NalType : uint8_t { kNalSlice = 1, kNalIdr = 5, kNalSps = 7, kNalPps = 8 };
-
-// Length of the start code in front of a NAL unit: 3, 4, or 0 when there is none.
-int start_code_length(const unsigned char *d, int len) {
-  if (len >= 4 && d[0] == 0 && d[1] == 0 && d[2] == 1) return 3;
-  if (len >= 5 && d[0] == 0 && d[1] == 0 && d[2] == 0 && d[3] == 1) return 4;
-  return 0;
-}
-
-// Keeps a heap copy of the first parameter set of its kind.
-bool keep_first(uint8_t *&copy, uint32_t &copy_len, const unsigned char *nal, uint32_t len) {
-  if (copy_len != 0) return true;
-  auto *p = static_cast<uint8_t *>(std::malloc(len));
-  if (p == nullptr) return false;
-  std::memcpy(p, nal, len);
-  copy = p;
-  copy_len = len;
-  return true;
-}
 
 // Copies the side file's frames behind the last sample, one audio node each.
 // AAC frames lose their 7-byte header on the way and frames of 7 bytes or
@@ -61,13 +39,13 @@ int copy_side_file_audio(mp4_handle *h) {
   const auto read = aac ? mp4_read_aac_frame : mp4_read_mp2_frame;
   const unsigned skip = aac ? kAdtsHeader : 0;
   if (head(h->mp2File) == 0) {
-    std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[kCopyBufferSize]);
+    std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[alt::kSideFileBufferBytes]);
     if (!buf) {
       free_mp4_h264(h);
       return -1;
     }
     unsigned int len = 0;
-    while (read(h->mp2File, buf.get(), kCopyBufferSize, &len) != -1) {
+    while (read(h->mp2File, buf.get(), alt::kSideFileBufferBytes, &len) != -1) {
       if (aac && len < kAdtsHeader + 1) continue;
       auto *node = static_cast<audioNode *>(std::malloc(sizeof(audioNode)));
       if (node == nullptr) {
@@ -170,36 +148,30 @@ extern "C" int mp4_write_video_node(unsigned char *data, int length, int timesta
     MP4_ERR("mp4 write video node : handle has a data buffer\n");
     return -1;
   }
-  const int sc = start_code_length(data, length);
+  const int sc = nal_start_code_length(data, length);
   if (sc == 0) {
     MP4_ERR("mp4 write video node : start code error\n");
     return -1;
   }
   const unsigned char *nal = data + sc;
   const auto nal_len = static_cast<uint32_t>(length - sc);
-  switch (nal[0] & 0x1F) {
-    case kNalSps:
-    case kNalPps: {
-      const bool sps = (nal[0] & 0x1F) == kNalSps;
-      if (!(sps ? keep_first(h->sps, h->spsLen, nal, nal_len)
-                : keep_first(h->pps, h->ppsLen, nal, nal_len))) {
-        MP4_ERR("mp4 write video node : malloc error\n");
-        return -1;
-      }
-      return 0;
+  const NalClass kind = classify_nal(nal[0]);
+  if (kind == kNalSps || kind == kNalPps) {
+    const bool kept = kind == kNalSps ? keep_first_parameter_set(h->sps, h->spsLen, nal, nal_len)
+                                      : keep_first_parameter_set(h->pps, h->ppsLen, nal, nal_len);
+    if (!kept) {
+      MP4_ERR("mp4 write video node : malloc error\n");
+      return -1;
     }
-    case kNalSlice:
-    case kNalIdr:
-      break;
-    default:
-      return 0;  // neither a picture nor a parameter set: not recorded
+    return 0;
   }
+  if (kind != kNalPicture && kind != kNalIdr) return 0;  // not recorded
   auto *node = static_cast<videoNode *>(std::malloc(sizeof(videoNode)));
   if (node == nullptr) {
     MP4_ERR("mp4 write video node : malloc error\n");
     return -1;
   }
-  node->type = (nal[0] & 0x1F) == kNalIdr ? 1 : 0;
+  node->type = kind;
   node->size = nal_len + 4;
   node->timeStamp = static_cast<uint32_t>(timestamp);
   node->reserved = 0;
@@ -242,7 +214,7 @@ extern "C" int mp4_write_pcm_h264(unsigned char *data, int length, mp4_handle *h
   if (h == nullptr) return -1;
   const bool valid = data != nullptr && h->mp2File != nullptr && length >= 1;
   if (h->audioFormat == 1 || h->audioFormat == 2) {
-    const int block = h->audioFormat == 1 ? kPcm8Block : kPcm16Block;
+    const int block = h->audioFormat == 1 ? kPcm8BlockBytes : kPcm16BlockBytes;
     if (!valid || length % block != 0) {
       free_mp4_h264(h);
       return -1;
@@ -272,6 +244,10 @@ extern "C" int mp4_write_end_h264(mp4_handle *h) {
   if (copy_side_file_audio(h) != 0) return -1;
   box::Sink s{h->file, h->writeStatus};
   s.add(alt::write_end(s, *h));
+  return alt::close_and_release(h);
+}
+
+int mp4rec::alt::close_and_release(mp4_handle *h) {
   if (h->writeStatus != 0) {
     free_mp4_h264(h);
     return -1;

@@ -15,32 +15,12 @@ namespace {
 
 constexpr int kMjpegSampleRate = 16000;
 constexpr int kMjpegBitrate = 64000;
-constexpr int kPcm8Block = 576;    // bytes of 8-bit input per MP2 frame
-constexpr int kPcm16Block = 2304;  // bytes of 16-bit input per MP2 frame
-constexpr unsigned kCopyBufferSize = 65536;
-
-template <typename Node>
-void free_nodes(Node *&head, Node *&tail) {
-  for (Node *n = head; n != nullptr;) {
-    Node *next = n->next;
-    std::free(n);
-    n = next;
-  }
-  head = nullptr;
-  tail = nullptr;
-}
 
 // Appends at the tail: next cleared, count raised.
 template <typename Node>
 void append_node(Node *&head, Node *&tail, uint32_t &count, Node *node) {
-  node->next = nullptr;
+  list_append(head, tail, node);
   ++count;
-  if (head == nullptr) {
-    head = node;
-  } else {
-    tail->next = node;
-  }
-  tail = node;
 }
 
 void close_stream(FILE *&f) {
@@ -54,8 +34,8 @@ void close_stream(FILE *&f) {
 void release_contents(mp4_mjpeg_ctx *ctx) {
   close_stream(ctx->file);
   close_stream(ctx->mp2File);
-  free_nodes(ctx->videoHead, ctx->videoTail);
-  free_nodes(ctx->audioHead, ctx->audioTail);
+  list_free(ctx->videoHead, ctx->videoTail);
+  list_free(ctx->audioHead, ctx->audioTail);
   MP2_encode_close(ctx->mp2Encoder);
   ctx->mp2Encoder = nullptr;
 }
@@ -155,7 +135,7 @@ extern "C" int mp4_write_one_jpeg(unsigned char *data, int length, int timestamp
 
 extern "C" int mp4_write_pcm_jpeg(unsigned char *data, int length, mp4_mjpeg_ctx *ctx) {
   if (ctx == nullptr) return -1;
-  const int block = ctx->audioFormat == 1 ? mp4rec::kPcm8Block : mp4rec::kPcm16Block;
+  const int block = ctx->audioFormat == 1 ? mp4rec::kPcm8BlockBytes : mp4rec::kPcm16BlockBytes;
   if (data == nullptr || ctx->mp2File == nullptr || length < 1 || length % block != 0) {
     mjpeg_release(ctx);
     return -1;
@@ -194,13 +174,14 @@ extern "C" int mp4_write_end_jpeg(mp4_mjpeg_ctx *ctx) {
   // A missing sync leaves the audio track empty; any reader failure (end of
   // file, a frame longer than the buffer, a read error) ends the copy.
   if (mp4_handle_mp2_head(ctx->mp2File) == 0) {
-    std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[mp4rec::kCopyBufferSize]);
+    std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[mp4rec::alt::kSideFileBufferBytes]);
     if (!buf) {
       mjpeg_release(ctx);
       return -1;
     }
     unsigned int len = 0;
-    while (mp4_read_mp2_frame(ctx->mp2File, buf.get(), mp4rec::kCopyBufferSize, &len) != -1) {
+    while (mp4_read_mp2_frame(ctx->mp2File, buf.get(), mp4rec::alt::kSideFileBufferBytes, &len) !=
+           -1) {
       auto *node = static_cast<mp2Node *>(std::malloc(sizeof(mp2Node)));
       if (node == nullptr) {
         mjpeg_release(ctx);
