@@ -237,7 +237,8 @@ int record(int argc, char **argv) {
                        b.name.c_str(), rep + 1, r.cpu_s * 1e3, r.wall_s * 1e3, r.lat_p999 / 1e3);
         results[b.name].push_back(r);
       }
-      if (!keep.empty() && rep == reps - 1 && r.ok && b.name != "baseline" && b.name != "fwrite") {
+      if (!keep.empty() && rep == reps - 1 && r.ok && b.name != "baseline" &&
+          b.name.rfind("fwrite", 0) != 0) {
         const std::string to = keep + "/" + b.name + ".mp4";
         if (std::rename(opt.out_path.c_str(), to.c_str()) != 0) {
           std::string cmd = "mv '" + opt.out_path + "' '" + to + "'";
