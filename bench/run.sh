@@ -161,7 +161,7 @@ fi
   echo "- Compiler: $(${CXX:-c++} --version | head -1); build type $(grep -m1 CMAKE_BUILD_TYPE: "$build/CMakeCache.txt" | cut -d= -f2)"
   echo "- libavformat $(pkg-config --modversion libavformat), $(ffmpeg -version | head -1 | cut -d' ' -f1-3)"
   echo
-  cat "$root/bench/method.md"
+  cat "$root/bench/analysis.md" "$root/bench/method.md"
   cat "$tmp/body"
 } >"$out"
 echo "wrote $out" >&2
