@@ -1,0 +1,740 @@
+#include "record.h"
+
+#include <mp4rec/mp4rec.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "decode_check.h"
+#include "inspect.h"
+#include "sample.h"
+#include "streams.h"
+
+namespace fs = std::filesystem;
+
+namespace mp4tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// ---- the library's log messages ----
+
+// The library logs through the host's swLogWrite (defined below). Errors are
+// kept, shown with --verbose at once and otherwise only when the run fails.
+struct LibraryLog {
+  std::mutex mutex;
+  std::vector<std::string> errors;  // distinct texts, in order
+  std::map<std::string, int> seen;
+  bool echo = false;
+};
+LibraryLog &library_log() {
+  static LibraryLog log;
+  return log;
+}
+
+std::atomic<bool> g_stop{false};
+void on_stop_signal(int) {
+  g_stop.store(true);
+}
+
+// ---- errors of the run ----
+
+struct WriteFailure : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+std::string trim(std::string s) {
+  while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
+  return s;
+}
+
+// ---- the recorder ----
+
+// One file of the recording: its session (popped from the base once opened),
+// its handler and what went into it.
+struct Segment {
+  mp4_session *session = nullptr;
+  mp4_handler *handler = nullptr;
+  int number = 0;
+  std::string tmp_mp4, tmp_mp2;
+  std::time_t started = 0;
+  long video_frames = 0, audio_frames = 0;
+  uint64_t bytes = 0;
+  long long first_ts = -1, last_ts = -1;
+};
+
+class Recorder {
+ public:
+  Recorder(const RecordOptions &opt, int width, int height, double fps, int audio_format,
+           int sample_rate)
+      : opt_(opt),
+        width_(width),
+        height_(height),
+        fps_(fps),
+        video_format_(opt.mjpeg ? 1 : 2),
+        audio_format_(audio_format),
+        sample_rate_(sample_rate) {
+    planned_ = opt.planned;
+    if (planned_ <= 0) {
+      planned_ = opt.segment > 0
+                     ? static_cast<int>(std::ceil(std::max(2 * opt.segment, opt.segment + 10)))
+                     : 600;
+    }
+    // Without segments a file ends at the first IDR picture after its planned
+    // length; the reserved tables hold 10% and a second more.
+    rotate_after_ms_ = static_cast<long long>((opt.segment > 0 ? opt.segment : planned_) * 1000);
+    preopen_after_ms_ = opt.segment > 0 ? 0 : rotate_after_ms_ / 2;
+  }
+
+  ~Recorder() { shutdown(); }
+
+  void start() {
+    base_ = mp4_base_new();
+    if (!base_) throw WriteFailure("the recorder base could not be started");
+    mp4_session *s = new_session(1);
+    if (mp4_write_open_first(base_, s, width_, height_, video_format_, audio_format_) != 0)
+      throw WriteFailure("the first file could not be created in " + opt_.out_dir);
+    spare_posted_ = true;
+    open_next();
+  }
+
+  // Feeds one access unit; false if the frame could not be recorded.
+  void video_h264(const AccessUnit &au, long long ts) {
+    if (au.idr && cur_.first_ts >= 0 && (ts - cur_.first_ts >= rotate_after_ms_ || full_)) rotate();
+    if (full_) {
+      ++dropped_video_;
+      return;
+    }
+    maybe_preopen(ts);
+    // The splitter cuts start codes in the first 200 bytes only: an access unit
+    // whose pieces all begin there goes in one call, others NAL by NAL.
+    bool splittable = true;
+    for (const auto &n : au.nals)
+      if (n.offset != 0 && (n.offset < 3 || n.offset + 3 >= std::min<size_t>(au.bytes.size(), 200)))
+        splittable = false;
+    int r;
+    if (splittable) {
+      r = retry_busy([&] {
+        return mp4_write_splite_sps_pps_i(const_cast<uint8_t *>(au.bytes.data()),
+                                          static_cast<int>(au.bytes.size()), static_cast<int>(ts),
+                                          cur_.handler);
+      });
+    } else {
+      r = 0;
+      for (const auto &n : au.nals) {
+        r = retry_busy([&] {
+          return mp4_write_video(const_cast<uint8_t *>(au.bytes.data() + n.offset),
+                                 static_cast<int>(n.size), static_cast<int>(ts), cur_.handler);
+        });
+        if (r != 0) break;
+      }
+    }
+    account_video(r, au.bytes.size(), ts);
+  }
+
+  void video_jpeg(const JpegPicture &pic, long long ts) {
+    if (cur_.first_ts >= 0 && (ts - cur_.first_ts >= rotate_after_ms_)) rotate();
+    maybe_preopen(ts);
+    const int r = retry_busy([&] {
+      return mp4_write_video(const_cast<uint8_t *>(pic.bytes.data()),
+                             static_cast<int>(pic.bytes.size()), static_cast<int>(ts),
+                             cur_.handler);
+    });
+    account_video(r, pic.bytes.size(), ts);
+  }
+
+  void audio(const std::vector<uint8_t> &frame, long long ts) {
+    if (cur_.video_frames == 0 && video_format_ == 2) {
+      ++dropped_audio_early_;  // a file begins with its IDR picture
+      return;
+    }
+    const int r = retry_busy([&] {
+      return mp4_write_audio(const_cast<uint8_t *>(frame.data()), static_cast<int>(frame.size()),
+                             static_cast<int>(ts), cur_.handler);
+    });
+    if (r == 0) {
+      ++cur_.audio_frames;
+      ++audio_total_;
+      cur_.bytes += frame.size();
+      bytes_total_ += frame.size();
+    } else if (r == -5) {
+      ++dropped_audio_;
+    } else {
+      fail_frame(r, "audio frame");
+    }
+  }
+
+  // Closes the last file and discards the one prepared ahead.
+  void finish() {
+    close_current();
+    discard_spare();
+  }
+
+  // Closes what is still open, discards the file prepared ahead and stops the base.
+  void shutdown() {
+    if (cur_.handler) {
+      try {
+        close_current();
+      } catch (const WriteFailure &) {
+      }
+    }
+    if (!io_failed_ && !handle_lost_) discard_spare();
+    if (base_) mp4_base_free(base_);
+    base_ = nullptr;
+  }
+
+  const std::vector<std::string> &files() const { return files_; }
+  const std::vector<std::string> &problems() const { return problems_; }
+  std::string summary() const { return summary_.str(); }
+  long video_total() const { return video_total_; }
+  long audio_total() const { return audio_total_; }
+  long dropped_video() const { return dropped_video_; }
+  long dropped_audio() const { return dropped_audio_ + dropped_audio_early_; }
+  long busy() const { return busy_; }
+  long io_errors() const { return io_errors_; }
+  long writes() const { return writes_.load(std::memory_order_relaxed); }
+  uint64_t bytes() const { return bytes_total_; }
+  int file_count() const { return static_cast<int>(files_.size()) + (cur_.handler ? 1 : 0); }
+
+ private:
+  template <typename F>
+  int retry_busy(F &&call) {
+    int r = call();
+    for (int tries = 0; r == -4 && tries < 3 && !g_stop.load(); ++tries) {
+      ++busy_;
+      r = call();
+    }
+    if (r == -4) ++busy_;
+    return r;
+  }
+
+  void account_video(int r, size_t size, long long ts) {
+    if (r == 0) {
+      if (cur_.first_ts < 0) {
+        cur_.first_ts = ts;
+        cur_.started = std::time(nullptr);
+      }
+      cur_.last_ts = ts;
+      ++cur_.video_frames;
+      ++video_total_;
+      cur_.bytes += size;
+      bytes_total_ += size;
+    } else if (r == -5) {
+      // The reserved tables are full: the file ends at the next IDR picture.
+      full_ = true;
+      ++dropped_video_;
+    } else {
+      fail_frame(r, "video frame");
+    }
+  }
+
+  [[noreturn]] void fail_frame(int r, const char *what) {
+    if (r == -2) {
+      ++io_errors_;
+      io_failed_ = true;
+      throw WriteFailure(std::string("writing to the card failed (a ") + what +
+                         " was refused with an I/O error; the card may be full)");
+    }
+    if (r == -4)
+      throw WriteFailure(std::string("the card is too slow: a ") + what +
+                         " found the buffer busy four times in a row");
+    // -1: the library released the file's writer context.
+    handle_lost_ = true;
+    throw WriteFailure(std::string("the library refused a ") + what + " (result " +
+                       std::to_string(r) + ")");
+  }
+
+  mp4_session *new_session(int number) {
+    const std::string base =
+        opt_.out_dir + "/unfinished-" + std::to_string(getpid()) + "-" + std::to_string(number);
+    const std::string mp4 = base + ".mp4", mp2 = base + ".mp2";
+    if (mp4.size() >= 256) throw WriteFailure("the output directory's path is too long");
+    mp4_session *s = mp4_session_new(0, mp4.c_str(), mp2.c_str());
+    if (!s) throw WriteFailure("a recording session could not be created");
+    mp4_stream_info *info = s->stream_info;
+    info->record_duration = static_cast<uint32_t>(planned_);
+    info->audio_timestamp_mode = opt_.audio_timestamps ? 1 : 0;
+    info->video_prealloc = opt_.prealloc ? 1 : 0;
+    info->audio_prealloc = opt_.prealloc ? 1 : 0;
+    info->audio_sample_rate = sample_rate_;
+    info->video_frame_rate = std::max(1, static_cast<int>(std::ceil(fps_ - 1e-6)));
+    next_number_ = number;
+    return s;
+  }
+
+  static void on_write(void *self) {
+    static_cast<Recorder *>(self)->writes_.fetch_add(1, std::memory_order_relaxed);
+  }
+
+  // Takes the prepared file: asks again while it is still being made.
+  void open_next() {
+    char mp4_path[256] = {0}, mp2_path[256] = {0};
+    mp4_handler *h = nullptr;
+    int r;
+    const auto deadline = Clock::now() + std::chrono::seconds(60);
+    while ((r = mp4_write_open(base_, mp4_path, mp2_path, &h)) == 1 && Clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    spare_posted_ = false;
+    if (r != 0 || !h)
+      throw WriteFailure("the next file could not be prepared in " + opt_.out_dir +
+                         " (is the card full or read-only?)");
+    mp4_write_register(base_, &Recorder::on_write, this);
+    cur_ = Segment{};
+    cur_.session = mp4_session_pop(base_);
+    cur_.handler = h;
+    cur_.number = next_number_;
+    cur_.tmp_mp4 = mp4_path;
+    cur_.tmp_mp2 = mp2_path;
+    cur_.started = std::time(nullptr);
+    full_ = false;
+  }
+
+  void maybe_preopen(long long ts) {
+    if (spare_posted_ || cur_.first_ts < 0 || ts - cur_.first_ts < preopen_after_ms_) return;
+    mp4_session *s = new_session(cur_.number + 1);
+    if (mp4_write_pre_open(base_, s, width_, height_, video_format_, audio_format_) != 0) {
+      mp4_session_free(s);
+      throw WriteFailure("the next file could not be requested");
+    }
+    spare_posted_ = true;
+  }
+
+  void rotate() {
+    close_current();
+    if (!spare_posted_) {
+      mp4_session *s = new_session(next_number_ + 1);
+      if (mp4_write_pre_open(base_, s, width_, height_, video_format_, audio_format_) != 0) {
+        mp4_session_free(s);
+        throw WriteFailure("the next file could not be requested");
+      }
+      spare_posted_ = true;
+    }
+    open_next();
+  }
+
+  // Moves the finished file to its name; the session's paths are then empty
+  // and freeing the session deletes only the side file.
+  void keep_file(Segment &seg, bool playable) {
+    std::error_code ec;
+    if (seg.video_frames == 0 && seg.audio_frames == 0) return;  // nothing worth keeping
+    if (!fs::exists(seg.tmp_mp4, ec)) return;
+    std::string name = opt_.out_dir + "/" + expand_pattern(opt_.pattern, seg.started, seg.number);
+    for (int k = 2; fs::exists(name, ec); ++k) {
+      const fs::path p = opt_.out_dir + "/" + expand_pattern(opt_.pattern, seg.started, seg.number);
+      name =
+          (p.parent_path() / (p.stem().string() + "-" + std::to_string(k) + p.extension().string()))
+              .string();
+    }
+    fs::rename(seg.tmp_mp4, name, ec);
+    if (ec) {
+      std::cerr << "mp4rec: cannot rename " << seg.tmp_mp4 << " to " << name << ": " << ec.message()
+                << "\n";
+      name = seg.tmp_mp4;
+      seg.tmp_mp4.clear();
+    }
+    files_.push_back(name);
+    verify(name, seg);
+    const double secs = seg.first_ts >= 0 ? (seg.last_ts - seg.first_ts) / 1000.0 + 1.0 / fps_ : 0;
+    summary_ << name << ": " << seg.video_frames << " video frames, " << seg.audio_frames
+             << " audio frames, " << std::fixed;
+    summary_.precision(2);
+    summary_ << secs << " s, " << seg.bytes / 1000 << " kB of media"
+             << (playable ? "" : " (index as of its last update)") << "\n";
+  }
+
+  // Reads the closed file's index back: a card that filled up while the last
+  // batches were written shows as frames missing from the index.
+  void verify(const std::string &name, const Segment &seg) {
+    const Inspection ins = inspect_file(name);
+    uint64_t video = 0, audio = 0;
+    for (const auto &t : ins.tracks) (t.handler == "soun" ? audio : video) += t.present;
+    if (!ins.consistent()) {
+      problems_.push_back(name + ": its index does not match its bytes (the card may be full)");
+    } else if (video < static_cast<uint64_t>(seg.video_frames) ||
+               audio < static_cast<uint64_t>(seg.audio_frames)) {
+      problems_.push_back(name + ": only " + std::to_string(video) + " of " +
+                          std::to_string(seg.video_frames) + " video frames and " +
+                          std::to_string(audio) + " of " + std::to_string(seg.audio_frames) +
+                          " audio frames reached the file (the card may be full); it plays up "
+                          "to there");
+    }
+  }
+
+  void close_current() {
+    if (!cur_.handler) return;
+    mp4_handler *h = cur_.handler;
+    cur_.handler = nullptr;
+    bool playable = true;
+    if (handle_lost_) {
+      // The library released the writer context with its -1: nothing to close.
+      playable = false;
+    } else if (io_failed_) {
+      // The data buffer is in its error state: the index holds what reached the card.
+      mp4_write_close_without_end(h);
+      playable = false;
+    } else if (mp4_write_close(h) != 0) {
+      ++io_errors_;
+      io_failed_ = true;
+      mp4_write_close_without_end(h);
+      keep_file(cur_, false);
+      mp4_session_free(cur_.session);
+      cur_.session = nullptr;
+      throw WriteFailure("closing " + cur_.tmp_mp4 + " failed (the card may be full)");
+    }
+    keep_file(cur_, playable);
+    mp4_session_free(cur_.session);
+    cur_.session = nullptr;
+  }
+
+  void discard_spare() {
+    if (!spare_posted_ || !base_) return;
+    // The prepared file is taken and closed empty; freeing its session deletes it.
+    char mp4_path[256] = {0}, mp2_path[256] = {0};
+    mp4_handler *h = nullptr;
+    int r;
+    const auto deadline = Clock::now() + std::chrono::seconds(60);
+    while ((r = mp4_write_open(base_, mp4_path, mp2_path, &h)) == 1 && Clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    spare_posted_ = false;
+    if (r == 0 && h) mp4_write_close(h);
+    if (mp4_session *s = mp4_session_pop(base_)) mp4_session_free(s);
+  }
+
+  const RecordOptions &opt_;
+  int width_, height_;
+  double fps_;
+  int video_format_, audio_format_, sample_rate_;
+  int planned_;
+  long long rotate_after_ms_, preopen_after_ms_;
+  mp4_base *base_ = nullptr;
+  Segment cur_;
+  bool spare_posted_ = false;
+  int next_number_ = 1;
+  bool full_ = false, io_failed_ = false, handle_lost_ = false;
+  std::vector<std::string> files_, problems_;
+  std::ostringstream summary_;
+  long video_total_ = 0, audio_total_ = 0, dropped_video_ = 0, dropped_audio_ = 0,
+       dropped_audio_early_ = 0, busy_ = 0, io_errors_ = 0;
+  uint64_t bytes_total_ = 0;
+  std::atomic<long> writes_{0};
+};
+
+// ---- the progress line ----
+
+class Progress {
+ public:
+  explicit Progress(bool on) : on_(on), start_(Clock::now()) {}
+  void restart() { start_ = Clock::now(); }
+  void update(const Recorder &r, bool force = false) {
+    if (!on_) return;
+    const auto now = Clock::now();
+    if (!force && now - last_ < std::chrono::milliseconds(100)) return;
+    last_ = now;
+    const double secs = std::chrono::duration<double>(now - start_).count();
+    char line[200];
+    std::snprintf(
+        line, sizeof line,
+        "\rfiles %d  frames %ld video %ld audio  %.2f MB  %02d:%04.1f  writes %ld  busy %ld"
+        "  io errors %ld ",
+        r.file_count(), r.video_total(), r.audio_total(), r.bytes() / 1e6,
+        static_cast<int>(secs / 60), std::fmod(secs, 60.0), r.writes(), r.busy(), r.io_errors());
+    std::cerr << line << std::flush;
+    shown_ = true;
+  }
+  void end() {
+    if (shown_) std::cerr << "\n";
+    shown_ = false;
+  }
+
+ private:
+  bool on_;
+  bool shown_ = false;
+  Clock::time_point start_, last_{};
+};
+
+// ---- inputs ----
+
+std::unique_ptr<ByteSource> source_for(const std::string &path, std::span<const uint8_t> builtin) {
+  if (path.empty()) return memory_source(builtin);
+  return open_source(path);
+}
+
+// Checks that the output directory exists (it is made) and takes files.
+void prepare_directory(const std::string &dir) {
+  std::error_code ec;
+  fs::create_directories(dir, ec);
+  if (ec) throw WriteFailure("cannot create the output directory " + dir + ": " + ec.message());
+  const std::string probe = dir + "/.mp4rec-probe-" + std::to_string(getpid());
+  FILE *f = std::fopen(probe.c_str(), "wb");
+  if (!f)
+    throw WriteFailure("cannot write to the output directory " + dir + ": " + std::strerror(errno));
+  std::fclose(f);
+  std::remove(probe.c_str());
+}
+
+}  // namespace
+
+int run_record(const RecordOptions &opt_in) {
+  RecordOptions opt = opt_in;
+  const bool builtin = opt.video.empty();
+  if (builtin) {
+    if (opt.planned == 0 && opt.segment == 0) opt.planned = 10;  // the sample is five seconds long
+  }
+  library_log().echo = opt.verbose;
+  std::signal(SIGXFSZ, SIG_IGN);  // a file size limit shows as a write error, like a full card
+  std::signal(SIGINT, on_stop_signal);
+  std::signal(SIGTERM, on_stop_signal);
+  const bool tty = isatty(STDERR_FILENO) != 0;
+  auto say = [&](const std::string &s) {
+    if (!opt.quiet) std::cout << s << std::flush;
+  };
+
+  std::optional<AccessUnitReader> h264;
+  std::optional<JpegReader> jpeg;
+  std::optional<AdtsReader> aac;
+  std::optional<PcmReader> pcm;
+  std::string video_name =
+      builtin ? "the built-in sample" : (opt.video == "-" ? "standard input" : opt.video);
+  int status = 0;
+  std::string error;
+  std::unique_ptr<Recorder> rec;
+  Progress progress(opt.progress && tty);
+  long skipped = 0;
+  bool truncated_video = false;
+  std::string truncation;
+  const std::string audio_name = opt.audio.empty()
+                                     ? "the built-in sample's audio"
+                                     : (opt.audio == "-" ? "standard input" : opt.audio);
+  // Reads from one input; its bad bytes are reported under its name.
+  auto from = [](const std::string &name, auto &&read) {
+    try {
+      return read();
+    } catch (const InputError &e) {
+      throw InputError(name + ": " + e.what());
+    }
+  };
+  auto next_video_au = [&] { return from(video_name, [&] { return h264->next(); }); };
+  auto next_picture = [&] { return from(video_name, [&] { return jpeg->next(); }); };
+  auto next_aac_frame = [&] { return from(audio_name, [&] { return aac->next(); }); };
+
+  try {
+    // ---- look at the inputs before any file is made ----
+    int width = opt.width, height = opt.height;
+    double fps = opt.fps;
+    std::optional<AccessUnit> next_au;
+    std::optional<JpegPicture> next_pic;
+    if (opt.mjpeg) {
+      jpeg.emplace(open_source(opt.video));
+      next_pic = next_picture();
+      if (!next_pic) throw InputError(video_name + ": no whole JPEG picture");
+      if (!width) width = next_pic->width, height = next_pic->height;
+    } else {
+      h264.emplace(source_for(opt.video, sample_h264()));
+      std::optional<SpsInfo> sps;
+      // A file starts with an IDR picture behind its parameter sets.
+      bool have_sps = false, have_pps = false;
+      while ((next_au = next_video_au())) {
+        for (const auto &n : next_au->nals) {
+          if ((next_au->bytes[n.offset + (next_au->bytes[n.offset + 2] == 1 ? 3 : 4)] & 0x80) != 0)
+            throw InputError(video_name + ": not an H.264 stream (a NAL unit header is invalid)");
+          if (n.type == 7) {
+            have_sps = true;
+            if (!sps) sps = parse_sps({next_au->bytes.data() + n.offset, n.size});
+          }
+          if (n.type == 8) have_pps = true;
+        }
+        if (next_au->idr && have_sps && have_pps) break;
+        if (next_au->has_picture) ++skipped;
+        if (skipped > 100000) break;
+      }
+      if (!next_au || !next_au->idr)
+        throw InputError(video_name +
+                         " holds no IDR picture with its SPS and PPS: not an H.264 "
+                         "stream a recording can start on");
+      if (!width) {
+        if (!sps || sps->width <= 0 || sps->height <= 0)
+          throw InputError("the picture size cannot be read from the SPS; give --size WxH");
+        width = sps->width, height = sps->height;
+      }
+      if (fps <= 0 && sps && sps->fps > 0 && sps->fps <= 240) fps = sps->fps;
+    }
+    if (fps <= 0) fps = 30;
+
+    int audio_format = opt.mjpeg ? (opt.pcm_bits == 8 ? 1 : 2) : 3;
+    int sample_rate = opt.sample_rate;
+    std::optional<AdtsFrame> next_aac;
+    size_t pcm_block = opt.pcm_bits == 8 ? 576 : 2304;
+    std::optional<std::vector<uint8_t>> next_pcm;
+    const bool have_audio = builtin || !opt.audio.empty();
+    if (have_audio && !opt.mjpeg) {
+      aac.emplace(source_for(opt.audio, sample_aac()));
+      next_aac = next_aac_frame();
+      if (!next_aac) throw InputError(audio_name + ": no whole ADTS frame");
+      if (next_aac->profile != 2 && next_aac->profile != 1) {
+      }
+      if (!sample_rate) sample_rate = next_aac->sample_rate;
+      if (next_aac->sample_rate != 16000 || next_aac->channels != 1)
+        std::cerr << "mp4rec: note: the audio is " << next_aac->sample_rate << " Hz with "
+                  << next_aac->channels
+                  << " channels; the files' AAC configuration says 16000 Hz mono\n";
+    } else if (have_audio) {
+      pcm.emplace(open_source(opt.audio), pcm_block);
+      next_pcm = pcm->next();
+      if (!next_pcm) throw InputError(audio_name + ": shorter than one block of PCM");
+    }
+    if (!sample_rate) sample_rate = 16000;
+
+    prepare_directory(opt.out_dir);
+    rec = std::make_unique<Recorder>(opt, width, height, fps, audio_format, sample_rate);
+    rec->start();
+    say("recording " + video_name + " (" + std::to_string(width) + "x" + std::to_string(height) +
+        ", " + std::to_string(fps).substr(0, 5) + " fps" +
+        (have_audio ? (opt.mjpeg ? ", PCM audio" : ", AAC audio") : "") + ") into " + opt.out_dir +
+        "\n");
+    if (skipped)
+      say("skipped " + std::to_string(skipped) + " pictures before the first IDR picture\n");
+
+    // ---- the recording loop: frames in time-stamp order ----
+    progress.restart();
+    const auto t0 = Clock::now();
+    auto now_ms = [&] {
+      return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
+    };
+    long vk = 0, ak = 0;
+    const double audio_frame_ms = opt.mjpeg ? 1152 * 1000.0 / 16000 : 1024 * 1000.0 / sample_rate;
+    std::vector<std::vector<uint8_t>> gop;  // since the last IDR, for the truncation check
+    std::optional<AccessUnit> au = std::move(next_au);
+    std::optional<AccessUnit> after = au ? next_video_au() : std::nullopt;
+    while (!g_stop.load()) {
+      const bool v_more = opt.mjpeg ? next_pic.has_value() : au.has_value();
+      const bool a_more = next_aac.has_value() || next_pcm.has_value();
+      if (!v_more && !a_more) break;
+      const double v_due = vk * 1000.0 / fps;
+      const double a_due = ak * audio_frame_ms;
+      const bool take_video = v_more && (!a_more || v_due <= a_due);
+      const double due = take_video ? v_due : a_due;
+      long long ts = std::llround(due);
+      if (opt.realtime) {
+        std::this_thread::sleep_until(t0 + std::chrono::microseconds(std::llround(due * 1000)));
+        ts = now_ms();
+      }
+      if (take_video) {
+        if (opt.mjpeg) {
+          rec->video_jpeg(*next_pic, ts);
+          next_pic = next_picture();
+        } else {
+          if (au->idr) gop.clear();
+          gop.push_back(au->bytes);
+          if (!after) {
+            // The last picture: a stream cut inside it is not recorded.
+            const std::string why = last_picture_error(gop);
+            if (!why.empty() || !au->has_picture) {
+              truncated_video = true;
+              truncation = why.empty() ? "parameter sets without a picture at the end"
+                                       : "the decoder reports: " + why;
+              au.reset();
+              continue;
+            }
+          }
+          if (au->has_picture) rec->video_h264(*au, ts);
+          au = std::move(after);
+          after = au ? next_video_au() : std::nullopt;
+        }
+        ++vk;
+      } else {
+        if (next_aac) {
+          rec->audio(next_aac->bytes, ts);
+          next_aac = next_aac_frame();
+        } else {
+          rec->audio(*next_pcm, ts);
+          next_pcm = pcm->next();
+        }
+        ++ak;
+      }
+      progress.update(*rec);
+    }
+    progress.update(*rec, true);
+    rec->finish();
+    if (jpeg && jpeg->trailing_bytes()) {
+      truncated_video = true;
+      truncation = "the last JPEG picture has no end of image";
+    }
+    if (truncated_video) {
+      status = 1;
+      error = video_name + " ends inside a picture (" + truncation +
+              "): the stream is cut short; the pictures before it were recorded";
+    }
+    if (aac && aac->trailing_bytes()) {
+      status = 1;
+      error += std::string(error.empty() ? "" : "; ") + audio_name +
+               " ends inside an ADTS frame (" + std::to_string(aac->trailing_bytes()) +
+               " bytes left over)";
+    }
+  } catch (const InputError &e) {
+    status = 1;
+    error = e.what();
+  } catch (const WriteFailure &e) {
+    status = 1;
+    error = e.what();
+  } catch (const std::exception &e) {
+    status = 1;
+    error = e.what();
+  }
+  progress.end();
+  if (rec) {
+    rec->shutdown();  // closes what is still open and stops the base
+    if (!opt.quiet) std::cout << rec->summary();
+    if (rec->dropped_video())
+      std::cerr << "mp4rec: " << rec->dropped_video()
+                << " pictures did not fit into a file's reserved index and were dropped\n";
+    if (rec->dropped_audio())
+      std::cerr << "mp4rec: note: " << rec->dropped_audio()
+                << " audio frames were not recorded (before the first picture, or a full index)\n";
+    for (const auto &p : rec->problems()) {
+      status = 1;
+      error += std::string(error.empty() ? "" : "\nmp4rec: ") + p;
+    }
+    if (rec->files().empty() && status == 0) {
+      status = 1;
+      error = "nothing was recorded";
+    }
+  }
+  if (status != 0) {
+    auto &log = library_log();
+    std::lock_guard<std::mutex> lock(log.mutex);
+    if (!log.echo)
+      for (const auto &m : log.errors) std::cerr << "mp4rec: library: " << m << "\n";
+    std::cerr << "mp4rec: " << error << "\n";
+  }
+  return status;
+}
+
+void note_library_message(int level, const char *function, const char *text) {
+  if (level > 3) return;
+  auto &log = library_log();
+  std::lock_guard<std::mutex> lock(log.mutex);
+  const std::string msg = std::string(function ? function : "?") + ": " + trim(text);
+  if (log.seen[msg]++ == 0) {
+    log.errors.push_back(msg);
+    if (log.echo) std::fprintf(stderr, "mp4rec: library: %s\n", msg.c_str());
+  }
+}
+
+}  // namespace mp4tool
