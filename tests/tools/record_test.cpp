@@ -156,6 +156,13 @@ TEST(Record, BadInput) {
   tooltest::truncate_copy(kSampleVideo, cut, sample.size() * 6 / 10);
   const std::string cut_aac = dir.file("cut.aac");
   tooltest::truncate_copy(kSampleAudio, cut_aac, fs::file_size(kSampleAudio) - 20);
+  const std::string slices = dir.file("slices.h264");
+  ASSERT_EQ(testsupport::run_command(
+                "ffmpeg -nostdin -v error -f lavfi -i testsrc2=size=320x240:rate=15 -t 1 -c:v "
+                "libx264 -threads 1 -preset ultrafast -bf 0 -x264-params slices=3 -f h264 '" +
+                slices + "'")
+                .status,
+            0);
   const std::string file_not_dir = dir.file("plain");
   testsupport::write_file(file_not_dir, {1});
   struct Case {
@@ -168,6 +175,7 @@ TEST(Record, BadInput) {
       {"text", "'" + text + "'", 1, "not an H.264 Annex B stream", ""},
       {"text as audio", "'" + kSampleVideo + "' -a '" + text + "'", 1, "not an ADTS AAC stream",
        ""},
+      {"several slices a picture", "'" + slices + "'", 1, "one slice per picture", ""},
       {"missing", "'" + dir.file("nothing.h264") + "'", 1, "cannot open", ""},
       {"truncated video", "'" + cut + "'", 1, "ends inside a picture", "cut.mp4"},
       {"truncated audio", "'" + kSampleVideo + "' -a '" + cut_aac + "'", 1,

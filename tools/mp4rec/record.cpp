@@ -123,12 +123,21 @@ class Recorder {
       return;
     }
     maybe_preopen(ts);
-    // The splitter cuts start codes in the first 200 bytes only: an access unit
-    // whose pieces all begin there goes in one call, others NAL by NAL.
+    // The splitter cuts start codes in the first 200 bytes only, and passes a
+    // buffer that begins with a non-IDR slice on whole: an access unit goes in
+    // one call when all its pieces begin there and it holds one slice, others
+    // NAL unit by NAL unit.
+    const size_t limit = std::min<size_t>(au.bytes.size(), 200);
+    int slices = 0;
     bool splittable = true;
-    for (const auto &n : au.nals)
-      if (n.offset != 0 && (n.offset < 3 || n.offset + 3 >= std::min<size_t>(au.bytes.size(), 200)))
-        splittable = false;
+    for (const auto &n : au.nals) {
+      slices += n.type == 1 || n.type == 5;
+      if (n.offset != 0 && n.offset + 3 >= limit) splittable = false;
+    }
+    if (slices != 1)
+      throw InputError("a picture of " + std::to_string(slices) +
+                       " slices: the recorder keeps one NAL unit per sample, so the stream "
+                       "must have one slice per picture");
     int r;
     if (splittable) {
       r = retry_busy([&] {
@@ -568,6 +577,12 @@ int run_record(const RecordOptions &opt_in) {
         throw InputError(video_name +
                          " holds no IDR picture with its SPS and PPS: not an H.264 "
                          "stream a recording can start on");
+      int slices = 0;
+      for (const auto &n : next_au->nals) slices += n.type == 1 || n.type == 5;
+      if (slices != 1)
+        throw InputError(video_name + ": pictures of " + std::to_string(slices) +
+                         " slices; the recorder keeps one NAL unit per sample, so the stream "
+                         "must have one slice per picture");
       if (!width) {
         if (!sps || sps->width <= 0 || sps->height <= 0)
           throw InputError("the picture size cannot be read from the SPS; give --size WxH");
