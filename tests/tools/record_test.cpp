@@ -163,6 +163,13 @@ TEST(Record, BadInput) {
                 slices + "'")
                 .status,
             0);
+  const std::string bframes = dir.file("bframes.h264");
+  ASSERT_EQ(testsupport::run_command(
+                "ffmpeg -nostdin -v error -f lavfi -i testsrc2=size=320x240:rate=15 -t 1 -c:v "
+                "libx264 -threads 1 -preset ultrafast -bf 2 -f h264 '" +
+                bframes + "'")
+                .status,
+            0);
   const std::string file_not_dir = dir.file("plain");
   testsupport::write_file(file_not_dir, {1});
   struct Case {
@@ -176,6 +183,7 @@ TEST(Record, BadInput) {
       {"text as audio", "'" + kSampleVideo + "' -a '" + text + "'", 1, "not an ADTS AAC stream",
        ""},
       {"several slices a picture", "'" + slices + "'", 1, "one slice per picture", ""},
+      {"B pictures", "'" + bframes + "'", 1, "no B pictures", "cut.mp4"},
       {"missing", "'" + dir.file("nothing.h264") + "'", 1, "cannot open", ""},
       {"truncated video", "'" + cut + "'", 1, "ends inside a picture", "cut.mp4"},
       {"truncated audio", "'" + kSampleVideo + "' -a '" + cut_aac + "'", 1,

@@ -134,6 +134,10 @@ class Recorder {
       slices += n.type == 1 || n.type == 5;
       if (n.offset != 0 && n.offset + 3 >= limit) splittable = false;
     }
+    if (au.bipred)
+      throw InputError(
+          "a B picture: the recorder writes pictures in decoding order without "
+          "composition offsets, so the stream must have no B pictures");
     if (slices != 1)
       throw InputError("a picture of " + std::to_string(slices) +
                        " slices: the recorder keeps one NAL unit per sample, so the stream "

@@ -210,6 +210,7 @@ std::optional<AccessUnit> AccessUnitReader::next() {
     au.bytes.insert(au.bytes.end(), nal->bytes.begin(), nal->bytes.end());
     au.has_picture |= picture;
     au.idr |= t == 5;
+    if (picture && slice_type(nal->bytes) % 5 == 1) au.bipred = true;
     au.has_sps |= t == 7;
     au.has_pps |= t == 8;
   }
@@ -297,9 +298,18 @@ std::optional<SpsInfo> parse_sps(std::span<const uint8_t> nal) {
   }
 }
 
-bool nal_looks_complete(std::span<const uint8_t> nal) {
-  // The last byte of a NAL unit holds the stop bit; a cut leaves it anywhere.
-  return !nal.empty() && nal.back() != 0;
+int slice_type(std::span<const uint8_t> nal) {
+  size_t skip = 0;
+  while (skip < nal.size() && nal[skip] == 0) ++skip;
+  if (skip < 2 || skip >= nal.size() || nal[skip] != 1) return -1;
+  try {
+    Bits b(unescape(nal.subspan(skip + 2, std::min<size_t>(nal.size() - skip - 2, 16))));
+    b.ue();  // first_mb_in_slice
+    const uint32_t t = b.ue();
+    return t <= 9 ? static_cast<int>(t) : -1;
+  } catch (const InputError &) {
+    return -1;
+  }
 }
 
 // ---- AAC ----

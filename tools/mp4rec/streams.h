@@ -87,6 +87,7 @@ struct AccessUnit {
   bool has_picture = false;
   bool has_sps = false;
   bool has_pps = false;
+  bool bipred = false;  // holds a B slice
 };
 
 // Groups NAL units into access units: parameter sets, SEI and delimiters open a
@@ -111,9 +112,8 @@ struct SpsInfo {
 // Parses a sequence parameter set NAL unit (start code included or not).
 std::optional<SpsInfo> parse_sps(std::span<const uint8_t> nal);
 
-// True when the slice's decoded data is complete as far as a reader can tell
-// without decoding: the NAL unit ends in its stop bit, not in a cut.
-bool nal_looks_complete(std::span<const uint8_t> nal);
+// The slice_type of a slice NAL unit (0..9), or -1 when it cannot be read.
+int slice_type(std::span<const uint8_t> nal);
 
 // ---- AAC ----
 
