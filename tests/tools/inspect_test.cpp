@@ -4,6 +4,7 @@
 
 #include <sstream>
 
+#include "common/internal.h"
 #include "inspect.h"
 #include "support/box_reader.h"
 #include "support/media.h"
@@ -129,6 +130,26 @@ TEST(Inspect, DamagedIndexIsReported) {
     const std::string text = report(ins);
     EXPECT_FALSE(ins.consistent()) << c.name << "\n" << text;
     EXPECT_NE(text.find(c.expect), std::string::npos) << c.name << "\n" << text;
+  }
+}
+
+// A file of ours before its first batch: reserved tables, no samples yet.
+TEST(Inspect, FreshHeadDeclaresNoSamples) {
+  testsupport::TempDir dir;
+  std::unique_ptr<mp4_stream_info, decltype(&std::free)> info(mp4_create_stream_info(), &std::free);
+  ASSERT_NE(info, nullptr);
+  info->record_duration = 10;
+  for (const int prealloc : {0, 1}) {
+    info->video_prealloc = info->audio_prealloc = prealloc;
+    const std::string file = dir.file("head.mp4");
+    mp4_handle *h = mp4_write_head_h264_index(file.c_str(), dir.file("head.mp2").c_str(), 320, 240,
+                                              3, info.get());
+    ASSERT_NE(h, nullptr);
+    free_mp4_h264(h);
+    const auto ins = inspect_file(file);
+    EXPECT_TRUE(ins.consistent()) << report(ins);
+    ASSERT_EQ(ins.tracks.size(), 2u) << report(ins);
+    for (const auto &t : ins.tracks) EXPECT_EQ(t.samples, 0u) << report(ins);
   }
 }
 

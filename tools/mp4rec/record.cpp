@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -36,8 +35,9 @@ using Clock = std::chrono::steady_clock;
 
 // ---- the library's log messages ----
 
-// The library logs through the host's swLogWrite (defined below). Errors are
-// kept, shown with --verbose at once and otherwise only when the run fails.
+// The library logs through the host's swLogWrite (the tool's, in main.cpp,
+// hands the messages here). Errors are kept, shown with --verbose at once and
+// otherwise only when the run fails.
 struct LibraryLog {
   std::mutex mutex;
   std::vector<std::string> errors;  // distinct texts, in order
@@ -115,7 +115,8 @@ class Recorder {
     open_next();
   }
 
-  // Feeds one access unit; false if the frame could not be recorded.
+  // Feeds one access unit; a file ends before an IDR picture once it is long
+  // enough. Throws WriteFailure when the library refuses the picture.
   void video_h264(const AccessUnit &au, long long ts) {
     if (au.idr && cur_.first_ts >= 0 && (ts - cur_.first_ts >= rotate_after_ms_ || full_)) rotate();
     if (full_) {
