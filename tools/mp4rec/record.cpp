@@ -607,8 +607,6 @@ int run_record(const RecordOptions &opt_in) {
       aac.emplace(source_for(opt.audio, sample_aac()));
       next_aac = next_aac_frame();
       if (!next_aac) throw InputError(audio_name + ": no whole ADTS frame");
-      if (next_aac->profile != 2 && next_aac->profile != 1) {
-      }
       if (!sample_rate) sample_rate = next_aac->sample_rate;
       if (next_aac->sample_rate != 16000 || next_aac->channels != 1)
         std::cerr << "mp4rec: note: the audio is " << next_aac->sample_rate << " Hz with "
@@ -620,14 +618,22 @@ int run_record(const RecordOptions &opt_in) {
       if (!next_pcm) throw InputError(audio_name + ": shorter than one block of PCM");
     }
     if (!sample_rate) sample_rate = 16000;
+    // Without an audio input the files get silence: the library always writes
+    // an audio track, and players refuse one that has no samples at all.
+    const bool silence = !have_audio;
+    static constexpr uint8_t kSilentAdts[] = {0xFF, 0xF1, 0x60, 0x40, 0x01, 0x7F,
+                                              0xFC, 0x01, 0x18, 0x20, 0x07};  // AAC LC, 16 kHz
+    const std::vector<uint8_t> silent_frame =
+        opt.mjpeg ? std::vector<uint8_t>(pcm_block, opt.pcm_bits == 8 ? 0x80 : 0)
+                  : std::vector<uint8_t>(std::begin(kSilentAdts), std::end(kSilentAdts));
 
     prepare_directory(opt.out_dir);
     rec = std::make_unique<Recorder>(opt, width, height, fps, audio_format, sample_rate);
     rec->start();
     say("recording " + video_name + " (" + std::to_string(width) + "x" + std::to_string(height) +
         ", " + std::to_string(fps).substr(0, 5) + " fps" +
-        (have_audio ? (opt.mjpeg ? ", PCM audio" : ", AAC audio") : "") + ") into " + opt.out_dir +
-        "\n");
+        (have_audio ? (opt.mjpeg ? ", PCM audio" : ", AAC audio") : ", silence for audio") +
+        ") into " + opt.out_dir + "\n");
     if (skipped)
       say("skipped " + std::to_string(skipped) + " pictures before the first IDR picture\n");
 
@@ -644,7 +650,7 @@ int run_record(const RecordOptions &opt_in) {
     std::optional<AccessUnit> after = au ? next_video_au() : std::nullopt;
     while (!g_stop.load()) {
       const bool v_more = opt.mjpeg ? next_pic.has_value() : au.has_value();
-      const bool a_more = next_aac.has_value() || next_pcm.has_value();
+      const bool a_more = next_aac.has_value() || next_pcm.has_value() || (silence && v_more);
       if (!v_more && !a_more) break;
       const double v_due = vk * 1000.0 / fps;
       const double a_due = ak * audio_frame_ms;
@@ -679,7 +685,9 @@ int run_record(const RecordOptions &opt_in) {
         }
         ++vk;
       } else {
-        if (next_aac) {
+        if (silence) {
+          rec->audio(silent_frame, ts);
+        } else if (next_aac) {
           rec->audio(next_aac->bytes, ts);
           next_aac = next_aac_frame();
         } else {
