@@ -111,7 +111,7 @@ class Recorder {
     mp4_session *s = new_session(1);
     if (mp4_write_open_first(base_, s, width_, height_, video_format_, audio_format_) != 0)
       throw WriteFailure("the first file could not be created in " + opt_.out_dir);
-    spare_posted_ = true;
+    spare_posted_ = true;  // open_first returns once the file is ready
     open_next();
   }
 
@@ -297,11 +297,29 @@ class Recorder {
     static_cast<Recorder *>(self)->writes_.fetch_add(1, std::memory_order_relaxed);
   }
 
+  // A request posted a moment ago may not have reached the pre-open thread:
+  // open would then find no file and no generation under way, and free the
+  // session the thread is about to read. Give the thread time to take it.
+  void wait_for_spare() const {
+    std::this_thread::sleep_until(posted_at_ + std::chrono::milliseconds(200));
+  }
+
+  void post_spare(int number) {
+    mp4_session *s = new_session(number);
+    if (mp4_write_pre_open(base_, s, width_, height_, video_format_, audio_format_) != 0) {
+      mp4_session_free(s);
+      throw WriteFailure("the next file could not be requested");
+    }
+    spare_posted_ = true;
+    posted_at_ = Clock::now();
+  }
+
   // Takes the prepared file: asks again while it is still being made.
   void open_next() {
     char mp4_path[256] = {0}, mp2_path[256] = {0};
     mp4_handler *h = nullptr;
     int r;
+    wait_for_spare();
     const auto deadline = Clock::now() + std::chrono::seconds(60);
     while ((r = mp4_write_open(base_, mp4_path, mp2_path, &h)) == 1 && Clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -322,24 +340,12 @@ class Recorder {
 
   void maybe_preopen(long long ts) {
     if (spare_posted_ || cur_.first_ts < 0 || ts - cur_.first_ts < preopen_after_ms_) return;
-    mp4_session *s = new_session(cur_.number + 1);
-    if (mp4_write_pre_open(base_, s, width_, height_, video_format_, audio_format_) != 0) {
-      mp4_session_free(s);
-      throw WriteFailure("the next file could not be requested");
-    }
-    spare_posted_ = true;
+    post_spare(cur_.number + 1);
   }
 
   void rotate() {
     close_current();
-    if (!spare_posted_) {
-      mp4_session *s = new_session(next_number_ + 1);
-      if (mp4_write_pre_open(base_, s, width_, height_, video_format_, audio_format_) != 0) {
-        mp4_session_free(s);
-        throw WriteFailure("the next file could not be requested");
-      }
-      spare_posted_ = true;
-    }
+    if (!spare_posted_) post_spare(next_number_ + 1);
     open_next();
   }
 
@@ -423,6 +429,7 @@ class Recorder {
     char mp4_path[256] = {0}, mp2_path[256] = {0};
     mp4_handler *h = nullptr;
     int r;
+    wait_for_spare();
     const auto deadline = Clock::now() + std::chrono::seconds(60);
     while ((r = mp4_write_open(base_, mp4_path, mp2_path, &h)) == 1 && Clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -440,6 +447,7 @@ class Recorder {
   mp4_base *base_ = nullptr;
   Segment cur_;
   bool spare_posted_ = false;
+  Clock::time_point posted_at_{};
   int next_number_ = 1;
   bool full_ = false, io_failed_ = false, handle_lost_ = false;
   std::vector<std::string> files_, problems_;
