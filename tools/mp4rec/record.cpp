@@ -707,6 +707,10 @@ int run_record(const RecordOptions &opt_in) {
       progress.update(*rec);
     }
     progress.update(*rec, true);
+    if (g_stop.load()) {
+      progress.end();
+      say("stopped by a signal; closing the file\n");
+    }
     rec->finish();
     if (jpeg && jpeg->trailing_bytes()) {
       truncated_video = true;
