@@ -88,11 +88,12 @@ TEST(Record, SegmentsAddUpToTheWholeRecording) {
   EXPECT_EQ(audio, sample_aac_frames());
 }
 
+// From a pipe, with audio durations from the frames' time stamps.
 TEST(Record, StandardInput) {
   TempDir dir;
-  const auto r =
-      testsupport::run_command("cat '" + kSampleVideo + "' | '" MP4REC_TOOL "' record - -a '" +
-                               kSampleAudio + "' -o '" + dir.path() + "' -n in.mp4");
+  const auto r = testsupport::run_command("cat '" + kSampleVideo +
+                                          "' | '" MP4REC_TOOL "' record - --audio-timestamps -a '" +
+                                          kSampleAudio + "' -o '" + dir.path() + "' -n in.mp4");
   ASSERT_EQ(r.status, 0) << r.output;
   const std::string file = dir.file("in.mp4");
   EXPECT_EQ(ffprobe_frames(file, "v"), sample_pictures());
