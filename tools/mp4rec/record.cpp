@@ -7,8 +7,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -103,9 +105,18 @@ class Recorder {
     preopen_after_ms_ = opt.segment > 0 ? 0 : rotate_after_ms_ / 2;
   }
 
-  ~Recorder() { shutdown(); }
+  ~Recorder() {
+    shutdown();
+    {
+      std::lock_guard<std::mutex> lock(watch_mutex_);
+      watch_stop_ = true;
+    }
+    watch_cv_.notify_all();
+    if (watch_thread_.joinable()) watch_thread_.join();
+  }
 
   void start() {
+    watch_thread_ = std::thread([this] { watchdog(); });
     base_ = mp4_base_new();
     if (!base_) throw WriteFailure("the recorder base could not be started");
     mp4_session *s = new_session(1);
@@ -228,12 +239,21 @@ class Recorder {
   int file_count() const { return static_cast<int>(files_.size()) + (cur_.handler ? 1 : 0); }
 
  private:
+  // Runs one library call under the watchdog (see Watchdog).
+  template <typename F>
+  int guarded(F &&call) {
+    call_started_ms_.store(now_ms(), std::memory_order_relaxed);
+    const int r = call();
+    call_started_ms_.store(-1, std::memory_order_relaxed);
+    return r;
+  }
+
   template <typename F>
   int retry_busy(F &&call) {
-    int r = call();
+    int r = guarded(call);
     for (int tries = 0; r == -4 && tries < 3 && !g_stop.load(); ++tries) {
       ++busy_;
-      r = call();
+      r = guarded(call);
     }
     if (r == -4) ++busy_;
     return r;
@@ -336,6 +356,8 @@ class Recorder {
     cur_.tmp_mp2 = mp2_path;
     cur_.started = std::time(nullptr);
     full_ = false;
+    set_emergency_names(
+        cur_.tmp_mp4, opt_.out_dir + "/" + expand_pattern(opt_.pattern, cur_.started, cur_.number));
   }
 
   void maybe_preopen(long long ts) {
@@ -409,17 +431,19 @@ class Recorder {
       // The data buffer is in its error state: the index holds what reached the card.
       mp4_write_close_without_end(h);
       playable = false;
-    } else if (mp4_write_close(h) != 0) {
+    } else if (guarded([&] { return mp4_write_close(h); }) != 0) {
       ++io_errors_;
       io_failed_ = true;
       mp4_write_close_without_end(h);
       keep_file(cur_, false);
-      mp4_session_free(cur_.session);
-      cur_.session = nullptr;
+      cur_.session = nullptr;  // see below
       throw WriteFailure("closing " + cur_.tmp_mp4 + " failed (the card may be full)");
     }
     keep_file(cur_, playable);
-    mp4_session_free(cur_.session);
+    // After a card error the data buffer's writer thread may hold its queue
+    // for good, and deleting the buffer would wait for it: that session is
+    // left to the end of the process.
+    if (!io_failed_) mp4_session_free(cur_.session);
     cur_.session = nullptr;
   }
 
@@ -437,6 +461,45 @@ class Recorder {
     if (r == 0 && h) mp4_write_close(h);
     if (mp4_session *s = mp4_session_pop(base_)) mp4_session_free(s);
   }
+
+  static long long now_ms() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
+        .count();
+  }
+
+  // A card error can leave the data buffer's writer thread holding its queue
+  // for good; a frame or close call then never returns. The watchdog gives
+  // the current file its name and ends the process.
+  void watchdog() {
+    std::unique_lock<std::mutex> lock(watch_mutex_);
+    while (!watch_cv_.wait_for(lock, std::chrono::milliseconds(500), [&] { return watch_stop_; })) {
+      const long long started = call_started_ms_.load(std::memory_order_relaxed);
+      if (started < 0 || now_ms() - started < kStuckMs) continue;
+      std::string where = watch_from_;
+      if (!watch_from_.empty() && std::rename(watch_from_.c_str(), watch_to_.c_str()) == 0)
+        where = watch_to_;
+      std::fprintf(stderr,
+                   "mp4rec: the library has not returned for %lld s, its writer stopped by a "
+                   "card error (the card may be full); %s keeps its index as of the last batch\n",
+                   kStuckMs / 1000, where.c_str());
+      std::fflush(stdout);
+      std::_Exit(1);
+    }
+  }
+
+  void set_emergency_names(const std::string &from, const std::string &to) {
+    std::lock_guard<std::mutex> lock(watch_mutex_);
+    watch_from_ = from;
+    watch_to_ = to;
+  }
+
+  static constexpr long long kStuckMs = 20000;
+  std::atomic<long long> call_started_ms_{-1};
+  std::mutex watch_mutex_;
+  std::condition_variable watch_cv_;
+  bool watch_stop_ = false;
+  std::string watch_from_, watch_to_;
+  std::thread watch_thread_;
 
   const RecordOptions &opt_;
   int width_, height_;
