@@ -159,7 +159,7 @@ struct PerSample {
   fitest::InfoPtr info;
   mp4_handle *h = nullptr;
 
-  explicit PerSample(fitest::InfoSpec spec = {}) : info(fitest::make_info(spec)) {
+  explicit PerSample(fitest::InfoParams params = {}) : info(fitest::make_info(params)) {
     h = mp4_write_head_h264_index(mp4.c_str(), dir.file("rec.mp2").c_str(), 160, 120, 3,
                                   info.get());
   }

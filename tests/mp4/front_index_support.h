@@ -19,7 +19,7 @@ struct InfoFree {
 };
 using InfoPtr = std::unique_ptr<mp4_stream_info, InfoFree>;
 
-struct InfoSpec {
+struct InfoParams {
   uint32_t seconds = 10;
   int fps = 25;
   int rate = 16000;
@@ -28,14 +28,14 @@ struct InfoSpec {
   int audio_prealloc = 0;
 };
 
-inline InfoPtr make_info(const InfoSpec &spec = {}) {
+inline InfoPtr make_info(const InfoParams &params = {}) {
   InfoPtr info(mp4_create_stream_info());
-  info->record_duration = spec.seconds;
-  info->video_frame_rate = spec.fps;
-  info->audio_sample_rate = spec.rate;
-  info->audio_timestamp_mode = spec.time_stamps;
-  info->video_prealloc = spec.video_prealloc;
-  info->audio_prealloc = spec.audio_prealloc;
+  info->record_duration = params.seconds;
+  info->video_frame_rate = params.fps;
+  info->audio_sample_rate = params.rate;
+  info->audio_timestamp_mode = params.time_stamps;
+  info->video_prealloc = params.video_prealloc;
+  info->audio_prealloc = params.audio_prealloc;
   return info;
 }
 

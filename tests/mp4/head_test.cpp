@@ -19,7 +19,7 @@
 namespace {
 
 using fitest::HandlePtr;
-using fitest::InfoSpec;
+using fitest::InfoParams;
 using testsupport::BoxFile;
 
 constexpr const char *kV = "moov/trak[0]/mdia/minf/stbl/";
@@ -38,8 +38,8 @@ struct Head {
   HandlePtr h;
   uint32_t nv = 0, na = 0;
 
-  Head(int audio_format, const InfoSpec &spec, int width = 640, int height = 480) {
-    auto info = fitest::make_info(spec);
+  Head(int audio_format, const InfoParams &params, int width = 640, int height = 480) {
+    auto info = fitest::make_info(params);
     h.reset(mp4_write_head_h264_index(path.c_str(), dir.file("rec.mp2").c_str(), width, height,
                                       audio_format, info.get()));
     if (h) {
@@ -301,10 +301,10 @@ std::vector<uint8_t> without_times(const BoxFile &f) {
 TEST(Head, PreallocationChangesOnlyTheSttsEntries) {
   for (int stamps : {0, 1}) {
     SCOPED_TRACE(stamps);
-    const InfoSpec spec{.seconds = 5, .fps = 30, .time_stamps = stamps};
-    InfoSpec holes = spec;
+    const InfoParams params{.seconds = 5, .fps = 30, .time_stamps = stamps};
+    InfoParams holes = params;
     holes.video_prealloc = holes.audio_prealloc = 1;
-    Head full(2, spec), hole(2, holes);
+    Head full(2, params), hole(2, holes);
     ASSERT_TRUE(full.h && hole.h);
     const uint32_t nv = full.nv, na = full.na, n = stamps ? na : 1;
     const BoxFile ff = full.close(), hf = hole.close();

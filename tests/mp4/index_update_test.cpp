@@ -16,7 +16,7 @@ namespace {
 
 using fitest::audio_batch;
 using fitest::HandlePtr;
-using fitest::InfoSpec;
+using fitest::InfoParams;
 using fitest::video_batch;
 using testsupport::BoxFile;
 using Entries = std::vector<std::pair<uint32_t, uint32_t>>;
@@ -31,8 +31,8 @@ struct Recording {
   std::string path = dir.file("rec.mp4");
   HandlePtr h;
 
-  explicit Recording(const InfoSpec &spec = {}, int audio_format = 1) {
-    auto info = fitest::make_info(spec);
+  explicit Recording(const InfoParams &params = {}, int audio_format = 1) {
+    auto info = fitest::make_info(params);
     h.reset(mp4_write_head_h264_index(path.c_str(), dir.file("rec.mp2").c_str(), 320, 240,
                                       audio_format, info.get()));
   }

@@ -16,7 +16,7 @@ using testsupport::LogCapture;
 
 // A front-index head bound to a fresh data buffer.
 struct Recording {
-  explicit Recording(const fitest::InfoSpec &plan = {}, bool bind = true) {
+  explicit Recording(const fitest::InfoParams &plan = {}, bool bind = true) {
     auto info = fitest::make_info(plan);
     handle = mp4_write_head_h264_index(path.c_str(), dir.file("rec.mp2").c_str(), 640, 480, 3,
                                        info.get());

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <string>
 
-#include "inspect.h"
+#include "file_check.h"
 #include "record.h"
 #include "support/media.h"
 #include "tool_support.h"

@@ -8,7 +8,7 @@
 #include <iostream>
 #include <string>
 
-#include "inspect.h"
+#include "file_check.h"
 #include "record.h"
 
 namespace {

@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "decode_check.h"
-#include "inspect.h"
+#include "file_check.h"
 #include "sample.h"
 #include "streams.h"
 

@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "common/internal.h"
-#include "inspect.h"
+#include "file_check.h"
 #include "support/box_reader.h"
 #include "support/media.h"
 #include "tool_support.h"

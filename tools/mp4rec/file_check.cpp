@@ -1,4 +1,4 @@
-#include "inspect.h"
+#include "file_check.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
