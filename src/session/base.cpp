@@ -158,6 +158,7 @@ extern "C" MP4REC_API mp4_session *mp4_session_pop(mp4_base *base) {
 
 extern "C" MP4REC_API int mp4_session_free(mp4_session *session) {
   if (session == nullptr) return 0;
+  mp4rec::pre_open_forget_session(session);
   std::free(session->stream_info);
   session->stream_info = nullptr;
   if (session->data_buffer != nullptr && mp4_write_data_buffer_delete(session->data_buffer) == 0)

@@ -5,10 +5,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "common/internal.h"
+#include "mp4/alt/mjpeg.h"
 
 namespace {
 
@@ -22,24 +25,70 @@ constexpr const char *kThreadName = "mp4_write_pre_open_thread";
 // mp4_write_open_first looks at the slot 22 times, sleeping 1 s in between.
 constexpr int kOpenFirstLastLook = 20;
 
+// A request's path words point at a session's 256-byte path fields.
+constexpr size_t kPathSize = sizeof(mp4_session::mp4_path);
+
 // The request as the thread takes it after a wake-up: the newest words win.
+// Paths and stream info are copied while mutex_mp4_open is held, so the file is
+// made from the copies even if the session is freed meanwhile.
 struct Request {
-  mp4_session *session;
-  const char *mp4_path;
-  const char *mp2_tmp_path;
-  int32_t width;
-  int32_t height;
-  int32_t video_format;
-  int32_t audio_format;
+  mp4_session *session = nullptr;
+  std::array<char, kPathSize> mp4_path_copy{};
+  std::array<char, kPathSize> mp2_tmp_path_copy{};
+  mp4_stream_info info_copy{};
+  const char *mp4_path = nullptr;      // mp4_path_copy, or null when the word was null
+  const char *mp2_tmp_path = nullptr;  // mp2_tmp_path_copy, or null
+  mp4_stream_info *info = nullptr;     // &info_copy, or null without a session
+  uint32_t taken_duration = 0;         // record_duration as it stood when taken
+  int32_t width = 0;
+  int32_t height = 0;
+  int32_t video_format = 0;
+  int32_t audio_format = 0;
+
+  Request() = default;
+  Request(const Request &) = delete;
+  Request &operator=(const Request &) = delete;
 };
 
-Request take_request() {
+// The generation in flight (guarded by mutex_mp4_open): the session it serves
+// and whether that session was freed while its file was being made.
+mp4_session *g_serving = nullptr;
+bool g_serving_cancelled = false;
+// Set when the session of the posted request is freed before the thread took
+// it (guarded by mutex_mp4_open); a new request clears it.
+bool g_request_withdrawn = false;
+
+const char *copy_path(std::array<char, kPathSize> &field, const char *path) {
+  if (path == nullptr) return nullptr;
+  const size_t len = strnlen(path, kPathSize - 1);
+  std::memcpy(field.data(), path, len);
+  field[len] = '\0';
+  return field.data();
+}
+
+// Copies the posted request; false when it was withdrawn by a session free.
+bool take_request(Request &req) {
   pthread_mutex_lock(&mutex_mp4_open);
-  const Request req{g_mp4_session,          g_mp4_open.mp4_path, g_mp4_open.mp2_tmp_path,
-                    g_mp4_open.width,       g_mp4_open.height,   g_mp4_open.video_format,
-                    g_mp4_open.audio_format};
+  if (g_request_withdrawn) {
+    pthread_mutex_unlock(&mutex_mp4_open);
+    return false;
+  }
+  req.session = g_mp4_session;
+  req.mp4_path = copy_path(req.mp4_path_copy, g_mp4_open.mp4_path);
+  req.mp2_tmp_path = copy_path(req.mp2_tmp_path_copy, g_mp4_open.mp2_tmp_path);
+  if (req.session != nullptr && req.session->stream_info != nullptr) {
+    req.info_copy = *req.session->stream_info;
+    req.info = &req.info_copy;
+    req.taken_duration = req.info_copy.record_duration;
+  }
+  req.width = g_mp4_open.width;
+  req.height = g_mp4_open.height;
+  req.video_format = g_mp4_open.video_format;
+  req.audio_format = g_mp4_open.audio_format;
+  g_serving = req.session;
+  g_serving_cancelled = false;
   pthread_mutex_unlock(&mutex_mp4_open);
-  return req;
+  return true;
 }
 
 struct FreeHandler {
@@ -47,14 +96,23 @@ struct FreeHandler {
 };
 using HandlerPtr = std::unique_ptr<mp4_handler, FreeHandler>;
 
+// Releases the writer context of a handler that is not parked.
+void release_context(mp4_handler &handler) {
+  if (handler.mp4_handle == nullptr) return;
+  if (handler.video_format == mp4rec::kVideoJpeg)
+    mp4rec::mjpeg_release(static_cast<mp4_mjpeg_ctx *>(handler.mp4_handle));
+  else
+    free_mp4(handler.mp4_handle);
+  handler.mp4_handle = nullptr;
+}
+
 // Makes the file of one request; null when the request cannot be served.
 HandlerPtr generate(const Request &req, HandlerPtr handler) {
   switch (static_cast<uint32_t>(req.video_format)) {
     case mp4rec::kVideoH264: {
-      mp4_stream_info *info = req.session != nullptr ? req.session->stream_info : nullptr;
       handler->video_format = mp4rec::kVideoH264;
       handler->mp4_handle = mp4_write_head_h264_index(req.mp4_path, req.mp2_tmp_path, req.width,
-                                                      req.height, req.audio_format, info);
+                                                      req.height, req.audio_format, req.info);
       if (handler->mp4_handle == nullptr) {
         MP4_LOG_AS(kThreadName, mp4rec::kLogError, mp4rec::kModRecorder,
                    "mp4 open : write head of h264 error\n");
@@ -85,6 +143,26 @@ HandlerPtr generate(const Request &req, HandlerPtr handler) {
 namespace mp4rec {
 void pre_open_reset_request() {
   g_request_pending = false;
+  pthread_mutex_lock(&mutex_mp4_open);
+  g_request_withdrawn = false;
+  g_serving = nullptr;
+  g_serving_cancelled = false;
+  pthread_mutex_unlock(&mutex_mp4_open);
+}
+
+void pre_open_forget_session(const mp4_session *session) {
+  pthread_mutex_lock(&mutex_mp4_open);
+  if (g_mp4_session == session) {
+    g_mp4_session = nullptr;
+    g_mp4_open.mp4_path = nullptr;
+    g_mp4_open.mp2_tmp_path = nullptr;
+    g_request_withdrawn = true;
+  }
+  if (g_serving == session) {
+    g_serving = nullptr;
+    g_serving_cancelled = true;
+  }
+  pthread_mutex_unlock(&mutex_mp4_open);
 }
 }  // namespace mp4rec
 
@@ -109,13 +187,32 @@ extern "C" MP4REC_API void *mp4_write_pre_open_thread(void * /*unused*/) {
       MP4_ERR("mp4 open : info struct error\n");
       return nullptr;
     }
-    handler = generate(take_request(), std::move(handler));
-    if (handler == nullptr) continue;
+    Request req;
+    if (!take_request(req)) continue;  // its session is gone: nothing to make
+    handler = generate(req, std::move(handler));
 
-    // A handler that was never taken is replaced as it stands.
     pthread_mutex_lock(&mutex_mp4_open);
-    g_mp4_handler = handler.release();
+    const bool cancelled = g_serving_cancelled;
+    if (!cancelled) {
+      // The head writer turns a planned length of 0 into 600; the session sees it.
+      if (req.info != nullptr && req.info_copy.record_duration != req.taken_duration &&
+          req.session->stream_info != nullptr)
+        req.session->stream_info->record_duration = req.info_copy.record_duration;
+      // A handler that was never taken is replaced as it stands.
+      if (handler != nullptr) g_mp4_handler = handler.release();
+    }
+    g_serving = nullptr;
+    g_serving_cancelled = false;
     pthread_mutex_unlock(&mutex_mp4_open);
+
+    if (cancelled) {
+      // The session was freed while its file was made: its owner wants the
+      // files gone, so nothing is parked.
+      if (handler != nullptr) release_context(*handler);
+      handler.reset();
+      for (const char *path : {req.mp4_path, req.mp2_tmp_path})
+        if (path != nullptr && path[0] != '\0') unlink(path);
+    }
   }
 }
 
@@ -124,6 +221,7 @@ extern "C" MP4REC_API int mp4_pre_open_start(mp4_session *session, char *mp4_pat
                                              int video_format, int audio_format) {
   pthread_mutex_lock(&mutex_mp4_open);
   g_mp4_session = session;
+  g_request_withdrawn = false;
   g_mp4_open.mp4_path = mp4_path;
   g_mp4_open.mp2_tmp_path = mp2_tmp_path;
   g_mp4_open.width = width;
