@@ -6,16 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake pkg-config libavcodec-dev libavutil-dev)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "installing: ${missing[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-fi
+./scripts/install-deps.sh "${packages[@]}"
 
 cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMP4REC_BUILD_TESTS=OFF \
   -DMP4REC_BUILD_BENCH=OFF >/dev/null

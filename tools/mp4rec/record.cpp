@@ -334,16 +334,22 @@ class Recorder {
     posted_at_ = Clock::now();
   }
 
-  // Takes the prepared file: asks again while it is still being made.
-  void open_next() {
-    char mp4_path[256] = {0}, mp2_path[256] = {0};
-    mp4_handler *h = nullptr;
+  // Takes the prepared file, asking again while it is still being made.
+  int take_spare(mp4_handler *&h, char (&mp4_path)[256], char (&mp2_path)[256]) {
     int r;
     wait_for_spare();
     const auto deadline = Clock::now() + std::chrono::seconds(60);
     while ((r = mp4_write_open(base_, mp4_path, mp2_path, &h)) == 1 && Clock::now() < deadline)
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     spare_posted_ = false;
+    return r;
+  }
+
+  // Opens the next file from the prepared one.
+  void open_next() {
+    char mp4_path[256] = {0}, mp2_path[256] = {0};
+    mp4_handler *h = nullptr;
+    const int r = take_spare(h, mp4_path, mp2_path);
     if (r != 0 || !h)
       throw WriteFailure("the next file could not be prepared in " + opt_.out_dir +
                          " (is the card full or read-only?)");
@@ -452,12 +458,7 @@ class Recorder {
     // The prepared file is taken and closed empty; freeing its session deletes it.
     char mp4_path[256] = {0}, mp2_path[256] = {0};
     mp4_handler *h = nullptr;
-    int r;
-    wait_for_spare();
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
-    while ((r = mp4_write_open(base_, mp4_path, mp2_path, &h)) == 1 && Clock::now() < deadline)
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    spare_posted_ = false;
+    const int r = take_spare(h, mp4_path, mp2_path);
     if (r == 0 && h) mp4_write_close(h);
     if (mp4_session *s = mp4_session_pop(base_)) mp4_session_free(s);
   }
