@@ -3,13 +3,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "buffer/card.h"
 #include "common/internal.h"
 
 extern "C" {
 
 FILE *mp4_fopen(const char *path, const char *mode) {
   if (path == nullptr || mode == nullptr) return nullptr;
-  return std::fopen(path, mode);
+  return mp4rec::card::open(path, mode);
 }
 
 int mp4_ftell(FILE *file) {
