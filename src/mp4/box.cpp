@@ -220,20 +220,20 @@ int32_t write_dinf(Sink &s, const DinfMarks &m) {
   return dinf.close();
 }
 
-int32_t write_udta(Sink &s) {
+int32_t write_udta(Sink &s, uint32_t padding) {
   if (!s) return -1;
   Scope udta(s, "udta");
   if (!udta.ok()) return -1;
-  s.u32(113);
+  s.u32(113 + padding);
   s.tag("meta");
   s.full(0, 0);
-  s.u32(33);
+  s.u32(33 + padding);
   s.tag("hdlr");
   s.full(0, 0);
   s.u32(0);  // pre-defined
   s.tag("mdir");
   s.zeros(12);
-  s.u8(0);  // empty name
+  s.zeros(1 + padding);  // empty name
   s.u32(68);
   s.tag("ilst");
   s.u32(60);
@@ -272,9 +272,10 @@ void write_audio_entry_fields(Sink &s, uint32_t sample_rate) {
 }
 
 namespace {
-constexpr std::array<uint8_t, 23> kEsdsMpeg1Audio = {
+constexpr size_t kEsdsObjectType = 7;
+constexpr std::array<uint8_t, 23> kEsdsMpegAudio = {
     0x03, 0x15, 0x00, 0x00, 0x00,                    // ES descriptor, ES ID 0, no flags
-    0x04, 0x0D, 0x6B, 0x15, 0x00, 0x01, 0xA2,        // MPEG-1 audio, buffer 418
+    0x04, 0x0D, 0x6B, 0x15, 0x00, 0x01, 0xA2,        // MPEG-1 audio (or by rate), buffer 418
     0x00, 0x02, 0x0A, 0x70, 0x00, 0x01, 0xF3, 0xF8,  // bit rates 133744, 127992
     0x06, 0x01, 0x02};                               // SL predefined 2
 constexpr std::array<uint8_t, 27> kEsdsAac = {
@@ -300,23 +301,34 @@ int32_t write_esds(Sink &s, std::span<const uint8_t> descriptors) {
 }
 }  // namespace
 
-int32_t write_esds_audio(Sink &s, uint32_t audio_format) {
+int32_t write_esds_audio(Sink &s, uint32_t audio_format, uint32_t sample_rate) {
   if (audio_format == 3) return write_esds(s, kEsdsAac);
-  return write_esds(s, kEsdsMpeg1Audio);
+  auto descriptors = kEsdsMpegAudio;
+  descriptors[kEsdsObjectType] = mpeg_audio_object_type(sample_rate);
+  return write_esds(s, descriptors);
 }
 
 int32_t write_esds_jpeg(Sink &s) {
   return write_esds(s, kEsdsJpeg);
 }
 
+std::vector<uint8_t> avc_config(std::span<const uint8_t> sps, std::span<const uint8_t> pps) {
+  std::vector<uint8_t> out = {0x01, 0x4D, 0x40, 0x1F, 0xFF};  // version, profile, level, lengths
+  auto parameter_set = [&](std::span<const uint8_t> set) {
+    if (set.empty()) return;
+    out.push_back(static_cast<uint8_t>(set.size() >> 8));
+    out.push_back(static_cast<uint8_t>(set.size()));
+    out.insert(out.end(), set.begin(), set.end());
+  };
+  out.push_back(sps.empty() ? 0xE0 : 0xE1);  // number of SPS
+  parameter_set(sps);
+  out.push_back(pps.empty() ? 0 : 1);  // number of PPS
+  parameter_set(pps);
+  return out;
+}
+
 void write_avc_config(Sink &s, std::span<const uint8_t> sps, std::span<const uint8_t> pps) {
-  static constexpr std::array<uint8_t, 6> kHead = {0x01, 0x4D, 0x40, 0x1F, 0xFF, 0xE1};
-  s.bytes(kHead);
-  s.u16(static_cast<uint32_t>(sps.size()));
-  s.bytes(sps);
-  s.u8(1);
-  s.u16(static_cast<uint32_t>(pps.size()));
-  s.bytes(pps);
+  s.bytes(avc_config(sps, pps));
 }
 
 }  // namespace mp4rec::box

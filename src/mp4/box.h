@@ -36,6 +36,7 @@
 #include <cstdio>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include "common/internal.h"
 
@@ -237,8 +238,10 @@ struct DinfMarks {
 int32_t write_dinf(Sink &s, const DinfMarks &m = {});
 
 // udta (121, size patched) holding meta (113): hdlr "mdir" (33) and ilst (68)
-// with one item "\xA9too" (60) holding data (52): UTF-8 text kToolText.
-int32_t write_udta(Sink &s);
+// with one item "\xA9too" (60) holding data (52): UTF-8 text kToolText. With
+// `padding`, the hdlr's name (a zero byte) is followed by that many more zero
+// bytes, and hdlr, meta and udta are as much larger.
+int32_t write_udta(Sink &s, uint32_t padding = 0);
 
 // The 78 bytes of a visual sample entry after its header (avc1 and mp4v):
 // reserved, data reference index 1, pre-defined, width and height as 16-bit
@@ -249,10 +252,16 @@ void write_visual_entry_fields(Sink &s, uint32_t width, uint32_t height);
 // reference index 1, one channel, 16-bit samples, sample rate as 16.16.
 void write_audio_entry_fields(Sink &s, uint32_t sample_rate);
 
-// esds of the audio track (size patched): the fixed descriptor set of MPEG-1
-// audio (audio formats 1 and 2; 35 bytes) or of AAC-LC 16 kHz mono (format 3;
-// 39 bytes).
-int32_t write_esds_audio(Sink &s, uint32_t audio_format);
+// esds of the audio track (size patched): the fixed descriptor set of MPEG
+// audio (audio formats 1 and 2, MP2 frames; 35 bytes) or of AAC-LC 16 kHz mono
+// (format 3; 39 bytes). MPEG audio is declared as MPEG-2 audio (object type
+// 0x69) below 32000 Hz, where its frames use the MPEG-2 low sample rates, and
+// as MPEG-1 audio (0x6B) from 32000 Hz on.
+int32_t write_esds_audio(Sink &s, uint32_t audio_format, uint32_t sample_rate);
+// The object type indication of MPEG audio at a sample rate.
+constexpr uint8_t mpeg_audio_object_type(uint32_t sample_rate) {
+  return sample_rate < 32000 ? 0x69 : 0x6B;
+}
 // esds of the MJPEG video track (size patched, 44 bytes): JPEG, ES ID 1.
 int32_t write_esds_jpeg(Sink &s);
 
@@ -263,11 +272,14 @@ constexpr uint32_t esds_audio_size(uint32_t audio_format) {
 
 // The avcC decoder configuration record (without the box header): the six
 // bytes 01 4D 40 1F FF E1, the SPS length and bytes, 01, the PPS length and
-// bytes. Profile and level are fixed constants whatever the SPS says.
+// bytes. Profile and level are fixed constants whatever the SPS says. An empty
+// SPS or PPS is left out and counted as none: with neither, the record is the
+// 7 bytes 01 4D 40 1F FF E0 00, a configuration without parameter sets.
+std::vector<uint8_t> avc_config(std::span<const uint8_t> sps, std::span<const uint8_t> pps);
 void write_avc_config(Sink &s, std::span<const uint8_t> sps, std::span<const uint8_t> pps);
 // Its length in bytes.
 constexpr uint32_t avc_config_size(uint32_t sps_len, uint32_t pps_len) {
-  return 11 + sps_len + pps_len;
+  return 7 + (sps_len != 0 ? 2 + sps_len : 0) + (pps_len != 0 ? 2 + pps_len : 0);
 }
 
 }  // namespace mp4rec::box

@@ -83,6 +83,7 @@ enum AudioPosSlot : int {
   kAStcoStart,
   kAStcoCount,
   kAStcoNext,
+  kASttsDuration,  // time-stamped audio: sum of the stts deltas but the provisional one
   kAChunkOffset = 39,
   kAudioPosSlots = 40,
 };

@@ -67,14 +67,22 @@ uint32_t here(Sink &s) {
   return static_cast<uint32_t>(s.tell());
 }
 
-// Reserved avcC: 8 + 512 zero bytes, filled once SPS and PPS are known.
+// Reserved avcC: a configuration record without parameter sets and a free box
+// over the rest of the reserve, until SPS and PPS are known.
 int32_t write_avcc_reserved(Sink &s, uint32_t *vpos) {
-  Scope avcc(s, "avcC");
-  if (!avcc.ok()) return -1;
-  vpos[kVAvcC] = avcc.start();
-  vpos[kVAvcCDataPos] = vpos[kVAvcCDataEnd] = here(s);
-  s.zeros(kAvcCReserve);
-  return avcc.close();
+  {
+    Scope avcc(s, "avcC");
+    if (!avcc.ok()) return -1;
+    vpos[kVAvcC] = avcc.start();
+    vpos[kVAvcCDataPos] = vpos[kVAvcCDataEnd] = here(s);
+    box::write_avc_config(s, {}, {});
+    s.add(avcc.close());
+  }
+  const uint32_t room = kAvcCReserve - box::avc_config_size(0, 0);
+  Scope free(s, "free", room);
+  if (!free.ok()) return -1;
+  s.zeros(room - 8);
+  return free.close();
 }
 
 int32_t write_video_stsd(Sink &s, const mp4_handle *h, uint32_t *vpos) {
@@ -204,7 +212,7 @@ int32_t write_audio_stbl(Sink &s, const mp4_handle *h, uint32_t *apos) {
       if (!mp4a.ok()) return -1;
       apos[kAMp4a] = mp4a.start();
       box::write_audio_entry_fields(s, h->sampleRate);
-      s.add(box::write_esds_audio(s, h->audioFormat));
+      s.add(box::write_esds_audio(s, h->audioFormat, h->sampleRate));
       s.add(mp4a.close());
     }
     s.add(stsd.close());

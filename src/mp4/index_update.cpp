@@ -5,7 +5,9 @@
 // batch.
 #include "mp4/index_update.h"
 
+#include <algorithm>
 #include <span>
+#include <vector>
 
 #include "mp4/box.h"
 #include "mp4/head.h"
@@ -74,18 +76,22 @@ int32_t write_count(const char *name, Sink &s, uint32_t count_pos, uint32_t next
 
 // stts of either track: the previous batch's provisional entry is replaced by
 // the real delta, each sample gets its own entry (count 1) and the newest one
-// the provisional delta. `delta` turns two time stamps into a table delta.
+// the provisional delta. `delta` turns two time stamps into a table delta;
+// `written`, when given, adds up the real deltas written.
 template <typename Node, typename Delta>
 int32_t update_stts(const char *name, Sink &s, uint32_t *table, int count_slot, int next_slot,
-                    Batch<Node> batch, uint32_t &last_ts, Delta &&delta, uint32_t provisional) {
+                    Batch<Node> batch, uint32_t &last_ts, Delta &&delta, uint32_t provisional,
+                    uint32_t *written = nullptr) {
   FILE *file = s.file();
   if (!seek_to(name, file, table[next_slot] - 8)) return -1;
   bool ok = true;
   batch.each([&](const Node &n) {
     if (!ok) return;
     if (last_ts != kUnknownTs) {
+      const uint32_t d = delta(n.timeStamp, last_ts);
       s.u32(1);
-      s.u32(delta(n.timeStamp, last_ts));
+      s.u32(d);
+      if (written != nullptr) *written += d;
     } else if (!seek_to(name, file, 8, SEEK_CUR)) {
       ok = false;  // the very first sample: its entry is written by the next one
     }
@@ -176,21 +182,28 @@ int32_t mp4_write_stco_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vp
 
 // ---- audio tables -----------------------------------------------------------
 
+// Also gives the track's duration in its own time scale: the sum of the deltas
+// the table holds once written.
 int32_t mp4_write_stts_tag_2_update_buffer(FILE *file, mp4_handle *h, uint32_t *apos,
-                                           AudioBatch batch) {
+                                           AudioBatch batch, uint32_t &duration) {
   Sink s{file, h->writeStatus};
   if (audioTimeStampFlag.load(std::memory_order_relaxed) != 1) {
     // One entry for all frames; its count follows the frames accepted.
+    const uint32_t frames = relaxed(h->audioCount);
+    duration = frames * h->audioFrameSamples;
     if (!seek_to(__func__, file, apos[kASttsCount] + 4)) return -1;
-    s.u32(relaxed(h->audioCount));
+    s.u32(frames);
     s.u32(h->audioFrameSamples);
     return s.status();
   }
   const uint32_t rate = h->sampleRate;
-  return update_stts(
+  const uint32_t provisional = rate * kDurationPadMs / 1000;
+  const int32_t r = update_stts(
       __func__, s, apos, kASttsCount, kASttsNext, batch, h->updatePos->lastAudioTs,
-      [rate](uint32_t ts, uint32_t last) { return (ts - last) * rate / 1000; },
-      rate * kDurationPadMs / 1000);
+      [rate](uint32_t ts, uint32_t last) { return (ts - last) * rate / 1000; }, provisional,
+      &apos[kASttsDuration]);
+  duration = apos[kASttsDuration] + provisional;
+  return r;
 }
 
 int32_t mp4_write_stsc_tag_2_update_buffer(FILE *file, mp4_handle *h, uint32_t *apos,
@@ -276,10 +289,13 @@ void update_audio(const char *name, Sink &s, mp4_handle *h, AudioBatch batch,
   raise_max_duration(h, d);
   INDEX_STEP(mp4_write_trak_tag_2_update(file, h, apos, d),
              "mp4 write index : write audio thkd error\n");
-  INDEX_STEP(mp4_write_mdhd_tag_2_update(file, h, apos, d),
-             "mp4 write index : write audio mdhd error\n");
-  INDEX_STEP(mp4_write_stts_tag_2_update_buffer(file, h, apos, batch),
+  // The media duration is in the track's time scale (the sample rate): the sum
+  // of the stts deltas, so the mdhd follows the table written just before.
+  uint32_t samples_duration = 0;
+  INDEX_STEP(mp4_write_stts_tag_2_update_buffer(file, h, apos, batch, samples_duration),
              "mp4 write index : write audio stts error\n");
+  INDEX_STEP(mp4_write_mdhd_tag_2_update(file, h, apos, samples_duration),
+             "mp4 write index : write audio mdhd error\n");
   INDEX_STEP(mp4_write_stsc_tag_2_update_buffer(file, h, apos, samples),
              "mp4 write index : write audio stsc error\n");
   INDEX_STEP(mp4_write_stsz_tag_2_update_buffer(file, h, apos, batch),
@@ -317,12 +333,37 @@ int32_t mp4_write_stsd_tag_update(FILE *file, mp4_handle *h, uint32_t *vpos) {
     MP4_ERR("mp4 write index : sps and pps do not fit the reserved avcC\n");
     return -1;
   }
-  if (!seek_to(__func__, file, vpos[kVAvcCDataPos])) return -1;
+  // The new avcC (header, record, padding) and the header of the free box
+  // behind it, as they will stand in the file.
+  std::vector<uint8_t> image(8);
+  auto put32 = [&image](size_t at, uint32_t v) {
+    for (int i = 0; i < 4; ++i) image[at + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
+  };
+  const auto record = box::avc_config({h->sps, h->spsLen}, {h->pps, h->ppsLen});
+  const uint32_t content = avcc_content_size(static_cast<uint32_t>(record.size()));
+  image.insert(image.end(), record.begin(), record.end());
+  image.resize(8 + content);  // zero padding, if any
+  put32(0, 8 + content);
+  std::copy_n("avcC", 4, image.begin() + 4);
+  if (content < kAvcCReserve) {
+    image.resize(8 + content + 8);
+    put32(8 + content, kAvcCReserve - content);
+    std::copy_n("free", 4, image.begin() + 8 + content + 4);
+  }
+  // Everything behind the old free box's header lies inside that box and is
+  // written first; then one write of the avcC header, the record's first bytes
+  // and whatever stands over the old free header turns the old layout into
+  // the new one, so the entry parses at every moment.
+  const size_t old_layout = 8 + box::avc_config_size(0, 0) + 8;
+  const size_t first = std::min(image.size(), old_layout);
   Sink s{file, h->writeStatus};
-  box::write_avc_config(s, {h->sps, h->spsLen}, {h->pps, h->ppsLen});
-  if (!tell_at(__func__, file, vpos[kVAvcCDataEnd])) return -1;
+  if (image.size() > first) {
+    if (!seek_to(__func__, file, vpos[kVAvcC] + static_cast<uint32_t>(first))) return -1;
+    s.bytes(std::span(image).subspan(first));
+  }
   if (!seek_to(__func__, file, vpos[kVAvcC])) return -1;
-  s.u32(vpos[kVAvcCDataEnd] - vpos[kVAvcC]);
+  s.bytes(std::span(image).first(first));
+  vpos[kVAvcCDataEnd] = vpos[kVAvcCDataPos] + content;
   return s.status();
 }
 

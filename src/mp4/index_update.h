@@ -28,9 +28,9 @@ int32_t mp4_write_mdhd_tag_2_update(FILE *file, mp4_handle *h, uint32_t *audioPo
 
 // Writes the avcC decoder configuration into the reserved avcC once: only while
 // nothing has been written there yet and both SPS and PPS are known (else 0).
-// Shrinks the avcC box to its content; the rest of the reserve stays zero. A
-// configuration that does not fit the reserve is not written: it logs and
-// returns -1.
+// The avcC box grows to the record and the free box behind it shrinks to the
+// rest of the reserve (see kAvcCReserve). A configuration that does not fit
+// the reserve is not written: it logs and returns -1.
 int32_t mp4_write_stsd_tag_update(FILE *file, mp4_handle *h, uint32_t *videoPos);
 
 // Writes maxDuration at the mvhd duration field (the write's result goes into

@@ -146,8 +146,8 @@ TEST(BoxBytes, ContainersOfFixedSize) {
       {"smhd", [](Sink &s) { return write_smhd(s); }, kSmhdSize, nullptr},
       {"dinf", [](Sink &s) { return write_dinf(s); }, kDinfSize, "dinf/dref/url "},
       {"udta", [](Sink &s) { return write_udta(s); }, kUdtaSize, "udta/meta/ilst/\xA9too/data"},
-      {"esds mp2", [](Sink &s) { return write_esds_audio(s, 1); }, 35, nullptr},
-      {"esds aac", [](Sink &s) { return write_esds_audio(s, 3); }, 39, nullptr},
+      {"esds mp2", [](Sink &s) { return write_esds_audio(s, 1, 16000); }, 35, nullptr},
+      {"esds aac", [](Sink &s) { return write_esds_audio(s, 3, 16000); }, 39, nullptr},
       {"esds jpeg", [](Sink &s) { return write_esds_jpeg(s); }, 44, nullptr},
   };
   for (const auto &c : cases) {
@@ -161,15 +161,31 @@ TEST(BoxBytes, ContainersOfFixedSize) {
 }
 
 TEST(BoxBytes, EsdsDescriptors) {
-  const auto mp2 = write_to_file([](Sink &s) { return write_esds_audio(s, 2); });
-  const Bytes expect_mp2 = {0x03, 0x15, 0x00, 0x00, 0x00, 0x04, 0x0D, 0x6B, 0x15, 0x00, 0x01, 0xA2,
-                            0x00, 0x02, 0x0A, 0x70, 0x00, 0x01, 0xF3, 0xF8, 0x06, 0x01, 0x02};
-  EXPECT_EQ(Bytes(mp2.bytes.begin() + 12, mp2.bytes.end()), expect_mp2);
-  const auto aac = write_to_file([](Sink &s) { return write_esds_audio(s, 3); });
-  const Bytes expect_aac = {0x03, 0x19, 0x00, 0x00, 0x00, 0x04, 0x11, 0x40, 0x15,
-                            0x00, 0x01, 0x26, 0x00, 0x00, 0x63, 0xF0, 0x00, 0x00,
-                            0x5A, 0x50, 0x05, 0x02, 0x14, 0x08, 0x06, 0x01, 0x02};
-  EXPECT_EQ(Bytes(aac.bytes.begin() + 12, aac.bytes.end()), expect_aac);
+  // MP2 frames below 32000 Hz are MPEG-2 audio (0x69), from 32000 Hz on MPEG-1
+  // audio (0x6B); the AAC set is fixed.
+  auto mpeg = [](uint8_t object_type) {
+    Bytes d = {0x03, 0x15, 0x00, 0x00, 0x00, 0x04, 0x0D, 0x6B, 0x15, 0x00, 0x01, 0xA2,
+               0x00, 0x02, 0x0A, 0x70, 0x00, 0x01, 0xF3, 0xF8, 0x06, 0x01, 0x02};
+    d[7] = object_type;
+    return d;
+  };
+  const Bytes aac = {0x03, 0x19, 0x00, 0x00, 0x00, 0x04, 0x11, 0x40, 0x15,
+                     0x00, 0x01, 0x26, 0x00, 0x00, 0x63, 0xF0, 0x00, 0x00,
+                     0x5A, 0x50, 0x05, 0x02, 0x14, 0x08, 0x06, 0x01, 0x02};
+  struct Case {
+    uint32_t format, rate;
+    Bytes descriptors;
+  };
+  const Case cases[] = {{2, 16000, mpeg(0x69)},
+                        {1, 31999, mpeg(0x69)},
+                        {1, 32000, mpeg(0x6B)},
+                        {2, 48000, mpeg(0x6B)},
+                        {3, 48000, aac}};
+  for (const auto &c : cases) {
+    const auto w = write_to_file([&](Sink &s) { return write_esds_audio(s, c.format, c.rate); });
+    EXPECT_EQ(Bytes(w.bytes.begin() + 12, w.bytes.end()), c.descriptors)
+        << "format " << c.format << " at " << c.rate << " Hz";
+  }
 }
 
 TEST(BoxBytes, SampleEntryFieldsAndAvcConfig) {
@@ -192,6 +208,9 @@ TEST(BoxBytes, SampleEntryFieldsAndAvcConfig) {
   EXPECT_EQ(w.bytes,
             cat({{0x01, 0x4D, 0x40, 0x1F, 0xFF, 0xE1, 0x00, 0x05}, sps, {0x01, 0x00, 0x02}, pps}));
   EXPECT_EQ(w.bytes.size(), avc_config_size(5, 2));
+  // Without parameter sets: a record that says so.
+  EXPECT_EQ(avc_config({}, {}), (Bytes{0x01, 0x4D, 0x40, 0x1F, 0xFF, 0xE0, 0x00}));
+  EXPECT_EQ(avc_config_size(0, 0), 7u);
 }
 
 TEST(BoxStatus, FailedWritesAccumulateAndWritingGoesOn) {

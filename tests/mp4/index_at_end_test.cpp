@@ -244,6 +244,8 @@ TEST(IndexAtEndAudio, DirectAacFramesAndTimeStampedDurations) {
   const uint32_t back = static_cast<uint32_t>((0u - 164u) * 16000u) / 1000u;
   EXPECT_EQ(f.stts(f.at(a + "stts")),
             (std::vector<std::pair<uint32_t, uint32_t>>{{1, 1024}, {1, back}, {1, 1024}}));
+  // The media duration is the sum of those deltas.
+  EXPECT_EQ(f.u32(f.at("moov/trak[1]/mdia/mdhd").offset + 24), 1024 + back + 1024);
   EXPECT_EQ(f.stsz(f.at(a + "stsz")), (std::vector<uint32_t>{0, 20, 23}));
 }
 

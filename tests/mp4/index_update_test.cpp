@@ -11,6 +11,7 @@
 #include "support/box_reader.h"
 #include "support/log_capture.h"
 #include "support/media.h"
+#include "support/sim_card.h"
 
 namespace {
 
@@ -61,6 +62,12 @@ struct Recording {
     return BoxFile(path);
   }
 };
+
+uint8_t *heap_copy(const std::vector<uint8_t> &v) {
+  auto *p = static_cast<uint8_t *>(std::malloc(v.size()));
+  std::memcpy(p, v.data(), v.size());
+  return p;
+}
 
 uint32_t duration_at(const BoxFile &f, const std::string &box, uint32_t plus) {
   return f.u32(f.at(box).offset + plus);
@@ -152,7 +159,7 @@ TEST(IndexUpdate, AudioWithoutTimeStamps) {
   const BoxFile f = rec.read();
   EXPECT_EQ(f.stts(f.at(std::string(kA) + "stts")), (Entries{{100, 1152}}));
   EXPECT_EQ(duration_at(f, "moov/trak[1]/tkhd", 28), 7200u);
-  EXPECT_EQ(duration_at(f, "moov/trak[1]/mdia/mdhd", 24), 7200u);
+  EXPECT_EQ(duration_at(f, "moov/trak[1]/mdia/mdhd", 24), 100 * 1152u);  // in samples
   EXPECT_EQ(duration_at(f, "moov/mvhd", 24), 7200u);
   const auto sizes = f.stsz(f.at(std::string(kA) + "stsz"));
   ASSERT_EQ(sizes.size(), 100u);
@@ -186,6 +193,8 @@ TEST(IndexUpdate, TimeStampedAudioInSampleUnits) {
   EXPECT_EQ(f.stts(f.at(std::string(kA) + "stts")),
             (Entries{{1, 1024}, {1, 1024}, {1, 1024}, {1, 800}}));
   EXPECT_EQ(duration_at(f, "moov/trak[1]/tkhd", 28), 692 - 500 + 50u);
+  // The media duration is the sum of the stts deltas, in samples.
+  EXPECT_EQ(duration_at(f, "moov/trak[1]/mdia/mdhd", 24), 3 * 1024 + 800u);
   EXPECT_EQ(duration_at(f, "moov/mvhd", 24), 692 - 500 + 50u);
 }
 
@@ -223,30 +232,27 @@ TEST(IndexUpdate, DecoderConfigurationIsWrittenOnceWhenSpsAndPpsAreKnown) {
   const std::string avcc = std::string(kV) + "stsd/avc1/avcC";
   auto early = video_batch({0}, 10);
   ASSERT_EQ(rec.flush(1, early), 0);
-  EXPECT_EQ(rec.read().at(avcc).size, 520u) << "no SPS/PPS yet";
+  EXPECT_EQ(rec.read().at(avcc).size, 15u) << "no SPS/PPS yet";
 
   const std::vector<uint8_t> sps = {0x67, 0x4D, 0x40, 0x1F, 0xE8, 0x80}, pps = {0x68, 0xEE, 0x3C};
-  rec.h->sps = static_cast<uint8_t *>(std::malloc(sps.size()));
-  std::memcpy(rec.h->sps, sps.data(), sps.size());
+  rec.h->sps = heap_copy(sps);
   rec.h->spsLen = static_cast<uint32_t>(sps.size());
   auto audio = audio_batch({0});
   ASSERT_EQ(rec.flush(2, audio), 0);
-  EXPECT_EQ(rec.read().at(avcc).size, 520u) << "no PPS yet, and audio never writes it";
+  EXPECT_EQ(rec.read().at(avcc).size, 15u) << "no PPS yet, and audio never writes it";
 
-  rec.h->pps = static_cast<uint8_t *>(std::malloc(pps.size()));
-  std::memcpy(rec.h->pps, pps.data(), pps.size());
+  rec.h->pps = heap_copy(pps);
   rec.h->ppsLen = static_cast<uint32_t>(pps.size());
   auto next = video_batch({40}, 10);
   ASSERT_EQ(rec.flush(1, next), 0);
   BoxFile f = rec.read();
   const auto &box = f.at(avcc);
-  EXPECT_EQ(box.size, 8u + 11 + 6 + 3);
+  EXPECT_EQ(f.tree(std::string(kV) + "stsd/avc1"), "avc1 606\n  avcC 28\n  free 492\n");
   std::vector<uint8_t> expect = {0x01, 0x4D, 0x40, 0x1F, 0xFF, 0xE1, 0x00, 0x06};
   expect.insert(expect.end(), sps.begin(), sps.end());
   expect.insert(expect.end(), {0x01, 0x00, 0x03});
   expect.insert(expect.end(), pps.begin(), pps.end());
   EXPECT_EQ(f.slice(box.offset + 8, expect.size()), expect);
-  EXPECT_EQ(f.at(std::string(kV) + "stsd/avc1").size, 606u) << "the reserve stays in avc1";
   EXPECT_EQ(rec.h->updatePos->videoPos[kVAvcCDataEnd], box.offset + box.size);
 
   // A later SPS is not written: the first configuration stays.
@@ -255,6 +261,49 @@ TEST(IndexUpdate, DecoderConfigurationIsWrittenOnceWhenSpsAndPpsAreKnown) {
   ASSERT_EQ(rec.flush(1, later), 0);
   f = rec.read();
   EXPECT_EQ(f.slice(f.at(avcc).offset + 8, expect.size()), expect);
+}
+
+// Whatever room SPS and PPS leave of the bytes reserved for them, the avc1
+// entry parses at every moment of the update, as the empty configuration with
+// its free box or as the written one: the rest of the reserve is a free box,
+// or zero padding inside avcC when fewer than 8 bytes are left.
+TEST(IndexUpdate, TheRoomBehindTheDecoderConfigurationParsesAfterEveryWrite) {
+  const std::string entry = std::string(kV) + "stsd/avc1";
+  const std::string empty = "avc1 606\n  avcC 15\n  free 505\n";
+  struct Case {
+    uint32_t left;  // of the 512 bytes, behind the record
+    std::string written;
+  };
+  const Case cases[] = {{9, "avc1 606\n  avcC 511\n  free 9\n"},
+                        {8, "avc1 606\n  avcC 512\n  free 8\n"},
+                        {7, "avc1 606\n  avcC 520\n"},
+                        {1, "avc1 606\n  avcC 520\n"},
+                        {0, "avc1 606\n  avcC 520\n"}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.left);
+    testsupport::SimCard card;
+    Recording rec;
+    ASSERT_TRUE(rec.h);
+    const std::vector<uint8_t> pps = {0x68, 0xEE, 0x3C};
+    // The record is 14 bytes and the SPS.
+    std::vector<uint8_t> sps(mp4rec::kAvcCReserve - c.left - 14, 0);
+    sps[0] = 0x67;
+    rec.h->sps = heap_copy(sps);
+    rec.h->spsLen = static_cast<uint32_t>(sps.size());
+    rec.h->pps = heap_copy(pps);
+    rec.h->ppsLen = static_cast<uint32_t>(pps.size());
+    std::fflush(rec.h->file);
+    const size_t before = card.log(rec.path).size();
+    auto batch = video_batch({0}, 10);
+    ASSERT_EQ(rec.flush(1, batch), 0);
+    std::fflush(rec.h->file);
+    const auto log = card.log(rec.path);
+    for (size_t n = before; n <= log.size(); ++n) {
+      const std::string tree = BoxFile(testsupport::replay(log, n)).tree(entry);
+      EXPECT_TRUE(tree == empty || tree == c.written) << "after write " << n << ":\n" << tree;
+    }
+    EXPECT_EQ(rec.read().tree(entry), c.written);
+  }
 }
 
 TEST(IndexUpdate, OversizedParameterSetsAreRefusedWithoutOverwritingTheTables) {
@@ -269,7 +318,7 @@ TEST(IndexUpdate, OversizedParameterSetsAreRefusedWithoutOverwritingTheTables) {
   EXPECT_NE(rec.flush(1, batch), 0);
   EXPECT_TRUE(log.has("mp4 write index : write video stsd error\n", 3, 37)) << log.dump();
   const BoxFile f = rec.read();
-  EXPECT_EQ(f.at(std::string(kV) + "stsd/avc1/avcC").size, 520u);
+  EXPECT_EQ(f.at(std::string(kV) + "stsd/avc1/avcC").size, 15u);
   EXPECT_EQ(f.stts(f.at(std::string(kV) + "stts")), (Entries{{1, 40}, {1, 50}}));
 }
 
@@ -385,12 +434,6 @@ Stream load_streams() {
     s.aac.emplace_back(f.begin() + 7, f.end());
   }
   return s;
-}
-
-uint8_t *heap_copy(const std::vector<uint8_t> &v) {
-  auto *p = static_cast<uint8_t *>(std::malloc(v.size()));
-  std::memcpy(p, v.data(), v.size());
-  return p;
 }
 
 TEST(IndexUpdate, FileOfRealSamplesDecodesCleanlyAfterEveryBatch) {

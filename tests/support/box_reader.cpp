@@ -151,17 +151,24 @@ std::vector<uint32_t> BoxFile::stco(const Box &b) const {
   return stss(b);
 }
 
-std::string BoxFile::dump() const {
+namespace {
+std::string indented(const std::vector<Box> &boxes, bool offsets, int depth = 0) {
   std::string out;
-  auto walk = [&](auto &&self, const std::vector<Box> &boxes, int depth) -> void {
-    for (const Box &b : boxes) {
-      out += std::string(2 * depth, ' ') + b.type + " @" + std::to_string(b.offset) + " size " +
-             std::to_string(b.size) + "\n";
-      self(self, b.children, depth + 1);
-    }
-  };
-  walk(walk, top_, 0);
+  for (const Box &b : boxes) {
+    out += std::string(2 * depth, ' ') + b.type;
+    if (offsets) out += " @" + std::to_string(b.offset) + " size";
+    out += " " + std::to_string(b.size) + "\n" + indented(b.children, offsets, depth + 1);
+  }
   return out;
+}
+}  // namespace
+
+std::string BoxFile::dump() const {
+  return indented(top_, true);
+}
+
+std::string BoxFile::tree(const std::string &path) const {
+  return indented({at(path)}, false);
 }
 
 }  // namespace testsupport

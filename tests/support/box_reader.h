@@ -52,6 +52,9 @@ class BoxFile {
 
   // Box tree as indented text, for failure messages.
   std::string dump() const;
+  // The box at `path` and the boxes inside it as indented "type size" lines
+  // (no offsets), for comparing a layout in one assertion.
+  std::string tree(const std::string &path) const;
 
  private:
   void parse(uint64_t start, uint64_t end, std::vector<Box> &out, int depth);

@@ -129,8 +129,8 @@ std::string describe(const std::string &type, const Reader &r, uint64_t size) {
     d << r.u16(32) << "x" << r.u16(34);
   } else if (type == "mp4a") {
     d << (r.u32(32) >> 16) << " Hz, " << r.u16(24) << " ch";
-  } else if (type == "avcC" && r.has(8, 4)) {
-    if (r.u8(8) == 1)
+  } else if (type == "avcC" && r.has(8, 6)) {
+    if (r.u8(8) == 1 && (r.u8(13) & 0x1F) != 0)  // version 1 with a parameter set
       d << "profile " << r.u8(9) << ", level " << r.u8(11);
     else
       d << "not yet written";

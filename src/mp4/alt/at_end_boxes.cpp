@@ -89,9 +89,14 @@ int32_t write_stts_single_run(Sink &s, uint32_t frames, uint32_t delta) {
   return box.close();
 }
 
-// The audio stts from the frames' time stamps, converted to sample units:
+// A frame's audio stts delta from the time stamps, converted to sample units:
 // ((next - this) x rate, kept to 32 bits) / 1000; the last frame gets one
-// frame's length. Written with its final size.
+// frame's length.
+uint32_t audio_time_delta(const audioNode &n, uint32_t rate, uint32_t frame_samples) {
+  return n.next != nullptr ? (n.next->timeStamp - n.timeStamp) * rate / 1000 : frame_samples;
+}
+
+// The audio stts from the frames' time stamps, written with its final size.
 int32_t write_stts_audio_times(Sink &s, const audioNode *head, uint32_t frames, uint32_t rate,
                                uint32_t frame_samples) {
   if (!s) return -1;
@@ -101,7 +106,7 @@ int32_t write_stts_audio_times(Sink &s, const audioNode *head, uint32_t frames, 
   s.u32(frames);
   for (const audioNode *n = head; n != nullptr; n = n->next) {
     s.u32(1);
-    s.u32(n->next != nullptr ? (n->next->timeStamp - n->timeStamp) * rate / 1000 : frame_samples);
+    s.u32(audio_time_delta(*n, rate, frame_samples));
   }
   return box.close();
 }
@@ -211,10 +216,26 @@ int32_t write_audio_stsd(Sink &s, const Rec &r) {
     Scope mp4a(s, "mp4a");
     if (!mp4a.ok()) return -1;
     box::write_audio_entry_fields(s, r.sampleRate);
-    s.add(box::write_esds_audio(s, esds_format(r)));
+    s.add(box::write_esds_audio(s, esds_format(r), r.sampleRate));
     s.add(mp4a.close());
   }
   return stsd.close();
+}
+
+// The audio media duration in the track's time scale: the sum of the deltas
+// that write_audio_stts writes.
+template <typename Rec>
+uint32_t audio_media_duration(const Rec &r) {
+  if constexpr (std::is_same_v<Rec, mp4_handle>) {
+    if (audio_stts_per_frame(r)) {
+      uint32_t sum = 0;
+      for (const audioNode *n = r.audioHead; n != nullptr; n = n->next) {
+        sum += audio_time_delta(*n, r.sampleRate, r.audioFrameSamples);
+      }
+      return sum;
+    }
+  }
+  return r.audioFrameSamples * count_of(r.audioCount);
 }
 
 template <typename Rec>
@@ -290,7 +311,7 @@ int32_t write_audio_trak(Sink &s, const Rec &r, uint32_t da) {
   {
     Scope mdia(s, "mdia");
     if (!mdia.ok()) return -1;
-    s.add(box::write_mdhd(s, r.creationTime, r.sampleRate, r.audioFrameSamples * m));
+    s.add(box::write_mdhd(s, r.creationTime, r.sampleRate, audio_media_duration(r)));
     s.add(box::write_hdlr(s, "soun"));
     {
       Scope minf(s, "minf");
@@ -315,7 +336,7 @@ int32_t write_audio_trak(Sink &s, const Rec &r, uint32_t da) {
 }
 
 template <typename Rec>
-int32_t write_children(Sink &s, const Rec &r) {
+int32_t write_children(Sink &s, const Rec &r, uint32_t udta_padding = 0) {
   if (!s) return -1;
   const uint32_t dv = video_duration(r);
   const uint32_t da = audio_duration(r);
@@ -326,7 +347,7 @@ int32_t write_children(Sink &s, const Rec &r) {
                             .audio_khz = r.audioKHz}));
   s.add(write_video_trak(s, r, dv));
   s.add(write_audio_trak(s, r, da));
-  if constexpr (std::is_same_v<Rec, mp4_handle>) s.add(box::write_udta(s));
+  if constexpr (std::is_same_v<Rec, mp4_handle>) s.add(box::write_udta(s, udta_padding));
   return s.status();
 }
 
@@ -365,8 +386,8 @@ int32_t write_end(Sink &s, mp4_mjpeg_ctx &ctx) {
 int32_t write_end(Sink &s, mp4_handle &h) {
   return write_end_boxes(s, h);
 }
-int32_t write_moov_children(Sink &s, const mp4_handle &h) {
-  return write_children(s, h);
+int32_t write_moov_children(Sink &s, const mp4_handle &h, uint32_t udta_padding) {
+  return write_children(s, h, udta_padding);
 }
 
 uint32_t moov_size(const mp4_handle &h) {

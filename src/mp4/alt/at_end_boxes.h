@@ -29,8 +29,9 @@ int32_t write_end(box::Sink &s, mp4_mjpeg_ctx &ctx);
 int32_t write_end(box::Sink &s, mp4_handle &h);
 
 // The children of an H.264 moov (mvhd, video trak, audio trak, udta), written
-// at the current position from the handle's own lists.
-int32_t write_moov_children(box::Sink &s, const mp4_handle &h);
+// at the current position from the handle's own lists; `udta_padding` as for
+// box::write_udta.
+int32_t write_moov_children(box::Sink &s, const mp4_handle &h, uint32_t udta_padding = 0);
 
 // Exact size of the moov that write_end / write_moov_children produce for a
 // handle (the moov header included).

@@ -16,7 +16,9 @@ namespace {
 
 // The index area in front of the media: it ends 256 KiB behind the 32-byte
 // ftyp, whatever the handle's capacities. What lies between the last child
-// box and this offset stays as it was and belongs to moov.
+// box and this offset belongs to moov: it becomes a free box, so that parsers
+// walking moov skip it. Fewer than 8 bytes cannot hold a box: they become zero
+// bytes behind the name of the user data's handler, inside udta.
 constexpr uint32_t kIndexAreaEnd = 0x40020;
 
 int32_t write_index_area(box::Sink &s, mp4_handle &h) {
@@ -34,7 +36,12 @@ int32_t write_index_area(box::Sink &s, mp4_handle &h) {
   s.add(mp4_fseek(s.file(), static_cast<int>(h.moovPos), SEEK_SET));
   box::Scope moov(s, "moov");
   if (!moov.ok()) return -1;
-  s.add(alt::write_moov_children(s, h));
+  const uint32_t left = kIndexAreaEnd - h.moovPos - alt::moov_size(h);
+  s.add(alt::write_moov_children(s, h, left < 8 ? left : 0));
+  if (left >= 8) {
+    s.u32(left);
+    s.tag("free");
+  }
   // To the end of the area (result not checked: the size patch reads the
   // position it reached).
   const int32_t here = s.tell();
@@ -120,8 +127,16 @@ void update_audio_frame(box::Sink &s, mp4_handle &h, uint32_t value, uint32_t fr
   if (!stamped) d = h.audioKHz != 0 ? frames * h.audioFrameSamples / h.audioKHz : 0;
   std::printf("audioDuration:%d\n", static_cast<int>(d));
   raise_max_duration(h, d);
+  // The stts delta of this frame, and the media duration in the track's time
+  // scale: the sum of the deltas the table holds.
+  const uint32_t delta = h.sampleRate * (value - pos.lastAudioTs) / 1000;
+  if (stamped) {
+    pos.lastAudioTs = value;
+    a[kASttsDuration] += delta;
+  }
+  const uint32_t samples_duration = stamped ? a[kASttsDuration] : frames * h.audioFrameSamples;
   step(s, [&] { return mp4_write_trak_tag_2_update(file, &h, a, d); });
-  step(s, [&] { return mp4_write_mdhd_tag_2_update(file, &h, a, d); });
+  step(s, [&] { return mp4_write_mdhd_tag_2_update(file, &h, a, samples_duration); });
   if (!stamped) {
     step(s, [&] {
       if (mp4_fseek(file, static_cast<int>(a[kASttsCount] + 4), SEEK_SET) != 0) return -1;
@@ -130,8 +145,6 @@ void update_audio_frame(box::Sink &s, mp4_handle &h, uint32_t value, uint32_t fr
       return s.status();
     });
   } else {
-    const uint32_t delta = h.sampleRate * (value - pos.lastAudioTs) / 1000;
-    pos.lastAudioTs = value;
     step(s, [&] { return append_entry(s, a, kASttsCount, kASttsNext, {1, delta}, 2); });
   }
   step(s, [&] { return one_sample_per_chunk(s, a[kAStscCount]); });
