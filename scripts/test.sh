@@ -2,12 +2,15 @@
 # Installs what the build and the tests need (Debian, as root; quiet when all is
 # there), then builds and runs the test suite three times: plain, under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and the threaded suites under
-# ThreadSanitizer.
+# ThreadSanitizer. After the plain run, every validator of scripts/validate.sh
+# (which installs what it needs) checks a closed and a cut recording.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake pkg-config libavcodec-dev libavformat-dev libavutil-dev ffmpeg
-          libgtest-dev libgmock-dev libbenchmark-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev
+          gstreamer1.0-tools gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good
+          gstreamer1.0-libav)
 ./scripts/install-deps.sh "${packages[@]}"
 
 jobs=$(nproc)
@@ -23,7 +26,14 @@ run_suite() {  # build-dir, cmake options, ctest options
   (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300 $filter)
 }
 
+# The plain run keeps the files that the players test makes.
+rm -rf build/players
+export MP4REC_PLAYERS_KEEP=$PWD/build/players
 run_suite build ""
+unset MP4REC_PLAYERS_KEEP
+echo "== validators"
+./scripts/validate.sh build/players/MainRoadClosed.mp4 \
+  build/players/MainRoadCutAfterBothTracksFirstBatch.mp4
 run_suite build-asan "-DMP4REC_SANITIZE=address,undefined -DMP4REC_BUILD_BENCH=OFF" ""
 # ThreadSanitizer needs a fixed address layout on kernels with wide mmap randomisation.
 setarch "$(uname -m)" -R true 2>/dev/null && tsan_prefix="setarch $(uname -m) -R" || tsan_prefix=""

@@ -6,10 +6,10 @@
 #include "front_index_support.h"
 #include "mp4/alt/at_end_boxes.h"
 #include "mp4/handle.h"
-#include "side_file.h"
 #include "support/box_reader.h"
 #include "support/log_capture.h"
 #include "support/media.h"
+#include "support/side_file.h"
 
 namespace {
 
@@ -106,8 +106,8 @@ TEST(AddIndex, FillsTheAreaUpToItsFixedEnd) {
     EXPECT_EQ(moov.children.end()[-1 - c.free_box].type, "udta");
     EXPECT_EQ(f.stco(f.at("moov/trak[0]/mdia/minf/stbl/stco")),
               std::vector<uint32_t>{kAreaEnd + 8});
-    EXPECT_EQ(testsupport::ffmpeg_decode_errors(a.mp4), "");
-    EXPECT_EQ(testsupport::ffprobe_frames(a.mp4, "v"), pictures);
+    EXPECT_EQ(testsupport::validate(a.mp4), "");
+    EXPECT_EQ(testsupport::ffprobe_packets(a.mp4, "v"), pictures);
   }
 }
 
@@ -280,8 +280,8 @@ TEST(MoovUpdate, AbandonedFileOpensAsLastPatched) {
   ASSERT_EQ(mp4_close_without_end(p.h), 0);
   EXPECT_EQ(testsupport::read_file(p.mp4), patched);
 
-  EXPECT_EQ(testsupport::ffmpeg_decode_errors(p.mp4), "");
-  EXPECT_EQ(testsupport::ffprobe_frames(p.mp4, "v"), pictures);
+  EXPECT_EQ(testsupport::validate(p.mp4), "");
+  EXPECT_EQ(testsupport::ffprobe_packets(p.mp4, "v"), pictures);
   EXPECT_EQ(testsupport::ffprobe_packets(p.mp4, "a"), static_cast<long>(next_audio));
 }
 

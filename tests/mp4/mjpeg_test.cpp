@@ -279,39 +279,4 @@ TEST(MjpegFile, SixteenBitConversionFailureKeepsAnEmptyRecordForTheClose) {
   EXPECT_EQ(mp4_write_end_jpeg(r.ctx), -1);  // frees the record
 }
 
-TEST(MjpegFile, TenSecondsOfRealPicturesAndPcmDecode) {
-  const auto jpegs =
-      testsupport::split_jpeg(testsupport::read_file(testsupport::mjpeg_stream(320, 240, 25, 10)));
-  const auto pcm = testsupport::read_file(testsupport::pcm16_stream(16000, 10));
-  ASSERT_EQ(jpegs.size(), 250u);
-  Recording r(2, 320, 240);
-  ASSERT_NE(r.ctx, nullptr);
-  size_t pcm_pos = 0;
-  int frames = 0;
-  for (size_t i = 0; i < jpegs.size(); ++i) {
-    const int ts = static_cast<int>(i) * 40;
-    ASSERT_EQ(r.video(jpegs[i], ts), 0);
-    // Audio in blocks of 1152 samples, keeping up with the pictures.
-    while (pcm_pos + 2304 <= pcm.size() &&
-           (pcm_pos / 2) * 1000 / 16000 <= static_cast<size_t>(ts)) {
-      ASSERT_EQ(r.pcm(Bytes(pcm.begin() + static_cast<long>(pcm_pos),
-                            pcm.begin() + static_cast<long>(pcm_pos + 2304))),
-                0);
-      pcm_pos += 2304;
-      ++frames;
-    }
-  }
-  ASSERT_EQ(mp4_write_end_jpeg(r.ctx), 0);
-
-  EXPECT_EQ(testsupport::ffmpeg_decode_errors(r.mp4, "-map 0:v"), "");
-  EXPECT_EQ(testsupport::ffprobe_frames(r.mp4, "v"), 250);
-  EXPECT_EQ(testsupport::ffprobe_stream_field(r.mp4, "v", "codec_name"), "mjpeg");
-  // The fixed audio esds declares MPEG-1 audio (object type 0x6B); ffmpeg
-  // files it under its MPEG audio decoder, which reads the MPEG-2 layer II
-  // frames from their own headers.
-  EXPECT_EQ(testsupport::ffprobe_packets(r.mp4, "a"), frames);
-  EXPECT_EQ(testsupport::ffprobe_frames(r.mp4, "a"), frames);
-  EXPECT_EQ(testsupport::ffprobe_stream_field(r.mp4, "a", "sample_rate"), "16000");
-}
-
 }  // namespace

@@ -220,4 +220,23 @@ std::string ffmpeg_decode_errors(const std::string &path, const std::string &ext
   return r.output;
 }
 
+std::string validate(const std::string &path) {
+  const auto r = run_command("'" MP4REC_VALIDATE_SCRIPT
+                             "' --no-install --only ffprobe,ffmpeg,gst-discoverer,gst-qtdemux '" +
+                             path + "'");
+  std::istringstream lines(r.output);
+  std::string failed;
+  for (std::string line; std::getline(lines, line);) {
+    // "  NAME  OK ..." for each check; the file name and the summary stand alone.
+    std::istringstream words(line);
+    std::string name, verdict;
+    if (line.rfind("  ", 0) == 0 && words >> name >> verdict && verdict != "OK") {
+      failed += line + "\n";
+    }
+  }
+  if (failed.empty() && r.status != 0)
+    failed = "exit " + std::to_string(r.status) + ": " + r.output;
+  return failed;
+}
+
 }  // namespace testsupport

@@ -67,4 +67,12 @@ std::string ffprobe_stream_field(const std::string &path, const std::string &kin
 // failure text with the exit status.
 std::string ffmpeg_decode_errors(const std::string &path, const std::string &extra_args = "");
 
+// Every validator of scripts/validate.sh that the tests run (nothing is
+// installed): ffprobe (both tracks, each track's duration within one sample of
+// its samples), ffmpeg (every sample of both tracks decoded, no error line),
+// gst-discoverer-1.0 (both tracks, the file's duration) and a qtdemux pipeline
+// (every video and audio buffer decoded). Returns the lines of the checks that
+// did not pass, empty when all passed.
+std::string validate(const std::string &path);
+
 }  // namespace testsupport
