@@ -42,16 +42,17 @@ inline AvFeed make_av_feed(const std::string &h264_path, const std::string &aac_
       TimedUnit u;
       u.video = true;
       u.bytes = nal.bytes;
-      u.ts = base_ts + static_cast<int>(p * 1000 / fps);
+      u.ts = base_ts + static_cast<int>(int64_t{p} * 1000 / fps);
       u.picture = type == 1 || type == 5;
       if (u.picture) ++p;
       video.push_back(std::move(u));
     }
   }
   feed.pictures = p;
-  const long span_ms = pictures * 1000 / fps;
-  for (long j = 0; !adts.empty(); ++j) {
-    const long ts = j * 1024 * 1000 / sample_rate;
+  // 64-bit arithmetic: j * 1024 * 1000 leaves a 32-bit long after 134 s at 16 kHz.
+  const int64_t span_ms = int64_t{pictures} * 1000 / fps;
+  for (int64_t j = 0; !adts.empty(); ++j) {
+    const int64_t ts = j * 1024 * 1000 / sample_rate;
     if (ts >= span_ms) break;
     const auto &frame = adts[static_cast<size_t>(j) % adts.size()];
     const size_t header = (frame[1] & 1) ? 7 : 9;  // protection_absent
