@@ -1,5 +1,9 @@
 // Big-endian byte output over stdio streams: every box writer reaches the file
 // through these calls. None of them logs; all return 0 or -1.
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -14,7 +18,15 @@ FILE *mp4_fopen(const char *path, const char *mode) {
 }
 
 int mp4_ftell(FILE *file) {
-  return file == nullptr ? -1 : static_cast<int>(std::ftell(file));
+  if (file == nullptr) return -1;
+  // Positions are signed 32-bit values: one at or past 2 GiB fails with
+  // EOVERFLOW, as a 32-bit ftell does, and never comes back truncated.
+  const off_t pos = ftello(file);
+  if (pos > INT32_MAX) {
+    errno = EOVERFLOW;
+    return -1;
+  }
+  return static_cast<int>(pos);
 }
 
 int mp4_fseek(FILE *file, int offset, int whence) {

@@ -128,6 +128,12 @@ TEST(ByteOutput, PositionsAndSeeks) {
   EXPECT_EQ(mp4_fseek(f, 100, SEEK_CUR), 0);
   mp4_put_byte(f, 7);
   EXPECT_EQ(mp4_ftell(f), 109);
+  // Past 2 GiB a position cannot be told in 32 bits: -1, never a truncated
+  // value (4 GiB + 9 would read as 9). Seeking alone does not grow the file.
+  for (const off_t far : {off_t{0x7FFFFFFF}, off_t{0x80000000}, off_t{0x100000009}}) {
+    ASSERT_EQ(fseeko(f, far, SEEK_SET), 0);
+    EXPECT_EQ(mp4_ftell(f), far == 0x7FFFFFFF ? 0x7FFFFFFF : -1) << far;
+  }
   EXPECT_EQ(mp4_fseek(f, 0, SEEK_SET), 0);
   mp4_put_be32(f, 8);
   EXPECT_EQ(mp4_fclose(f), 0);
