@@ -1,7 +1,9 @@
 // The MP4 handle's sample lists and its release.
 #include "mp4/handle.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <ctime>
 #include <new>
 
 extern "C" {
@@ -25,6 +27,27 @@ void handle_append_video(mp4_handle *h, videoNode *node) {
 void handle_append_audio(mp4_handle *h, audioNode *node) {
   list_append(h->audioHead, h->audioTail, node);
   h->audioCount.fetch_add(1, std::memory_order_relaxed);
+}
+
+uint32_t creation_time(uint32_t epoch_offset) {
+  int64_t unix_time = std::time(nullptr);
+  if (const char *fixed = std::getenv("SOURCE_DATE_EPOCH"); fixed != nullptr && *fixed != '\0') {
+    char *end = nullptr;
+    errno = 0;
+    const long long v = std::strtoll(fixed, &end, 10);
+    if (errno == 0 && *end == '\0' && v >= 0) {
+      unix_time = v;
+    } else {
+      MP4_ERR("SOURCE_DATE_EPOCH is not a number of seconds: %s\n", fixed);
+    }
+  }
+  const int64_t t = unix_time + epoch_offset;
+  if (t < 0 || t > int64_t{UINT32_MAX}) {
+    MP4_ERR(
+        "creation time out of the file's 32-bit range, the nearest second it holds is written\n");
+    return t < 0 ? 0 : UINT32_MAX;
+  }
+  return static_cast<uint32_t>(t);
 }
 
 }  // namespace mp4rec

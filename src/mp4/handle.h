@@ -1,6 +1,6 @@
 // The per-file MP4 handle of an H.264 recording, its position tables and its
-// sample lists. The record keeps the field order of the file format's design
-// documents; the three counters that the caller's thread writes and the writer
+// sample lists. The record keeps the field order that the camera firmware
+// knows; the three counters that the caller's thread writes and the writer
 // thread reads are relaxed atomics of the same width.
 #pragma once
 
@@ -147,6 +147,13 @@ constexpr Capacities table_capacities(uint32_t seconds, uint32_t frame_rate, uin
 
 // Seconds from 1904-01-01 (MP4 epoch) to 1970-01-01.
 inline constexpr uint32_t kMp4EpochOffset = 2082844800u;
+
+// The creation time of a new file, in seconds since 1904 when `epoch_offset`
+// is the number of seconds from 1904 to 1970: now, or the SOURCE_DATE_EPOCH
+// of the environment when it is set (reproducible recordings). The files'
+// 32-bit field ends on 2040-02-06; a later time is written as its last second,
+// with a log line, rather than wrapped round.
+uint32_t creation_time(uint32_t epoch_offset);
 
 // Appends at the tail of the handle's own lists (next cleared, count raised).
 void handle_append_video(mp4_handle *h, videoNode *node);

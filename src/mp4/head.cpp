@@ -4,7 +4,6 @@
 // file offset recorded in the track's position table.
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <memory>
 #include <span>
 #include <vector>
@@ -361,7 +360,7 @@ extern "C" mp4_handle *mp4_write_head_h264_index(const char *mp4_path, const cha
   h->maxAudioFrames = cap.audio;
   pos->firstVideoTs = pos->firstAudioTs = kUnknownTs;
   pos->lastVideoTs = pos->lastAudioTs = kUnknownTs;
-  h->creationTime = static_cast<uint32_t>(std::time(nullptr)) + kMp4EpochOffset;
+  h->creationTime = creation_time(kMp4EpochOffset);
 
   if (mp4_path == nullptr || mp2_tmp_path == nullptr) {
     MP4_ERR("mp4 open write head : file path error\n");

@@ -190,6 +190,32 @@ TEST(Head, FieldValuesOfAnEmptyFile) {
   EXPECT_EQ(audio_stts.back(), std::make_pair(0u, 1024u));
 }
 
+// SOURCE_DATE_EPOCH fixes the creation time (reproducible recordings). What
+// the 32-bit field cannot hold is clamped and logged, never wrapped round; a
+// value that is no number is logged and the clock used.
+TEST(Head, CreationTimeFromSourceDateEpoch) {
+  const uint32_t now = static_cast<uint32_t>(std::time(nullptr)) + mp4rec::kMp4EpochOffset;
+  const struct {
+    const char *value;
+    uint32_t min, max;
+    bool logged;
+  } cases[] = {
+      {"1700000000", 3782844800u, 3782844800u, false},
+      {"2300000000", UINT32_MAX, UINT32_MAX, true},  // 2042-11-19
+      {"yesterday", now, now + 5, true},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.value);
+    ::setenv("SOURCE_DATE_EPOCH", c.value, 1);
+    testsupport::LogCapture log;
+    const uint32_t t = mp4rec::creation_time(mp4rec::kMp4EpochOffset);
+    EXPECT_GE(t, c.min);
+    EXPECT_LE(t, c.max);
+    EXPECT_EQ(!log.entries().empty(), c.logged) << log.dump();
+  }
+  ::unsetenv("SOURCE_DATE_EPOCH");
+}
+
 TEST(Head, EveryPositionSlotPointsAtItsBoxOrField) {
   Head head(1, {.seconds = 3, .fps = 10, .time_stamps = 1});
   ASSERT_TRUE(head.h);

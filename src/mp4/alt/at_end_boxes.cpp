@@ -423,7 +423,7 @@ uint32_t creation_time_now() {
       t1970 == static_cast<std::time_t>(-1) || t1904 == static_cast<std::time_t>(-1)
           ? kMp4EpochOffset
           : static_cast<uint32_t>(t1970 - t1904);
-  return static_cast<uint32_t>(std::time(nullptr)) + offset;
+  return creation_time(offset);
 }
 
 }  // namespace mp4rec::alt

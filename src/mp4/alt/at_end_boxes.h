@@ -42,7 +42,7 @@ uint32_t moov_size(const mp4_handle &h);
 // released, and the result is 0, or -1 when the close failed.
 int close_and_release(mp4_handle *h);
 
-// Creation time of a new file: now, in seconds since 1904-01-01.
+// Creation time of a new file in seconds since 1904-01-01 (see creation_time).
 uint32_t creation_time_now();
 
 }  // namespace mp4rec::alt
