@@ -21,6 +21,18 @@ static_assert(std::atomic<int32_t>::is_always_lock_free);
 
 namespace mp4rec {
 
+// The records hosts share with the library, in 32-bit words as the camera's
+// 32-bit firmware lays them out (pointers are words there too).
+static_assert(sizeof(mp4_stream_info) == 11 * 4);
+inline constexpr bool kWords32 = sizeof(void *) == 4;
+static_assert(!kWords32 || sizeof(videoNode) == 5 * 4);
+static_assert(!kWords32 || sizeof(audioNode) == 4 * 4);
+static_assert(!kWords32 || sizeof(updatePos) == 10 * 4);
+static_assert(!kWords32 || sizeof(mp4_handler) == 2 * 4);
+static_assert(!kWords32 || sizeof(mp4_bit_writer) == 5 * 4);
+static_assert(!kWords32 || sizeof(mp4_session) == 3 * 4 + 2 * 256);
+static_assert(!kWords32 || sizeof(mp4_base) == 4);
+
 // Log modules: the recorder, and the audio readers / converters / buffer diagnostics.
 inline constexpr int kModRecorder = 37;
 inline constexpr int kModAudio = 38;

@@ -131,6 +131,8 @@ struct mp4_handle {
   uint32_t maxVideoFrames;  // capacity of the reserved video tables
   uint32_t maxAudioFrames;  // capacity of the reserved audio tables
 };
+// 39 words on a 32-bit target, as the camera firmware lays the record out.
+static_assert(!mp4rec::kWords32 || sizeof(mp4_handle) == 39 * 4);
 
 namespace mp4rec {
 
