@@ -41,7 +41,18 @@ struct FrameFree {
 std::string last_picture_error(const std::vector<std::vector<uint8_t>> &gop) {
   if (gop.empty()) return {};
   const AVCodec *codec = avcodec_find_decoder(AV_CODEC_ID_H264);
-  if (!codec) return {};  // no decoder: nothing can be said
+  if (!codec) {
+    // A libavcodec built without the decoder (the library needs only the MP2
+    // encoder): nothing can be said, and the user is told so once.
+    static std::once_flag told;
+    std::call_once(told, [] {
+      std::fputs(
+          "mp4rec: note: this libavcodec has no H.264 decoder, so a stream cut inside its "
+          "last picture is not detected\n",
+          stderr);
+    });
+    return {};
+  }
   std::unique_ptr<AVCodecContext, CodecCtxFree> ctx(avcodec_alloc_context3(codec));
   std::unique_ptr<AVPacket, PacketFree> pkt(av_packet_alloc());
   std::unique_ptr<AVFrame, FrameFree> frame(av_frame_alloc());

@@ -23,7 +23,14 @@ class File {
  public:
   explicit File(const std::string &path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
     struct stat st {};
-    if (fd_ >= 0 && ::fstat(fd_, &st) == 0) size_ = static_cast<uint64_t>(st.st_size);
+    if (fd_ >= 0 && ::fstat(fd_, &st) == 0) {
+      size_ = static_cast<uint64_t>(st.st_size);
+    } else if (fd_ >= 0) {  // a size that cannot be known: as unreadable, errno kept
+      const int e = errno;
+      ::close(fd_);
+      fd_ = -1;
+      errno = e;
+    }
   }
   ~File() {
     if (fd_ >= 0) ::close(fd_);
