@@ -57,7 +57,7 @@ TEST(Abi, ExportsOnlyThePublicInterface) {
     api.insert((*it)[1]);
   ASSERT_GT(api.size(), 90u);
 
-  FILE *p = popen("nm -D --defined-only '" MP4REC_LIBRARY_FILE "'", "r");
+  FILE *p = popen("'" MP4REC_NM "' -D --defined-only '" MP4REC_LIBRARY_FILE "'", "r");
   ASSERT_NE(p, nullptr);
   char line[512];
   int exported = 0;
@@ -65,7 +65,7 @@ TEST(Abi, ExportsOnlyThePublicInterface) {
     std::istringstream fields(line);
     std::string addr, kind, name;
     fields >> addr >> kind >> name;
-    if (name.empty()) continue;  // version nodes
+    if (name.empty()) continue;                      // version nodes
     if (name.rfind("__odr_asan", 0) == 0) continue;  // AddressSanitizer's own markers
     ++exported;
     EXPECT_TRUE(api.count(name)) << "exported but not public: " << name;

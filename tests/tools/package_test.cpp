@@ -39,18 +39,19 @@ TEST(Package, InstalledLibraryBuildsTheHostBothWays) {
   ASSERT_TRUE(fs::exists(libdir + "/pkgconfig/mp4rec.pc"));
   const std::string sample = MP4REC_SOURCE_DIR "/tools/sample/sample";
 
-  // pkg-config
+  // pkg-config, with the compiler of this build (the target's in a cross build)
   r = run_command("PKG_CONFIG_PATH='" + libdir +
-                  "/pkgconfig' sh -c 'cc " MP4REC_SOURCE_DIR
+                  "/pkgconfig' sh -c '" MP4REC_C_COMPILER " " MP4REC_SOURCE_DIR
                   "/examples/host.c $(pkg-config --cflags --libs mp4rec) -Wl,-rpath," +
                   libdir + " -o " + dir.file("host_pc") + "'");
   ASSERT_EQ(r.status, 0) << r.output;
-  r = run_command("'" + dir.file("host_pc") + "' '" + dir.file("pc.mp4") + "' " + sample +
-                  ".h264 " + sample + ".aac");
+  r = run_command(MP4REC_LAUNCHER "'" + dir.file("host_pc") + "' '" + dir.file("pc.mp4") + "' " +
+                  sample + ".h264 " + sample + ".aac");
   ASSERT_EQ(r.status, 0) << r.output;
   EXPECT_EQ(testsupport::ffmpeg_decode_errors(dir.file("pc.mp4")), "");
 
-  // CMake
+  // CMake; a cross build hands its toolchain file on, with the prefix as a
+  // root of the target's files
   const std::string src = dir.file("consumer");
   fs::create_directories(src);
   fs::copy_file(MP4REC_SOURCE_DIR "/examples/host.c", src + "/host.c");
@@ -59,15 +60,21 @@ TEST(Package, InstalledLibraryBuildsTheHostBothWays) {
       "find_package(mp4rec REQUIRED)\nadd_executable(host host.c)\n"
       "target_link_libraries(host PRIVATE mp4rec::mp4rec)\n";
   testsupport::write_file(src + "/CMakeLists.txt", std::vector<uint8_t>(cml.begin(), cml.end()));
+  const std::string cross = *MP4REC_TOOLCHAIN_FILE
+                                ? " -DCMAKE_TOOLCHAIN_FILE='" MP4REC_TOOLCHAIN_FILE
+                                  "' -DCMAKE_FIND_ROOT_PATH='" +
+                                      prefix + "'"
+                                : "";
   r = run_command("cmake -S '" + src + "' -B '" + src + "/build' -DCMAKE_PREFIX_PATH='" + prefix +
-                  "' >/dev/null && cmake --build '" + src + "/build'");
+                  "'" + cross + " >/dev/null && cmake --build '" + src + "/build'");
   ASSERT_EQ(r.status, 0) << r.output;
-  r = run_command("'" + src + "/build/host' '" + dir.file("cm.mp4") + "' " + sample + ".h264 " +
-                  sample + ".aac");
+  r = run_command(MP4REC_LAUNCHER "'" + src + "/build/host' '" + dir.file("cm.mp4") + "' " +
+                  sample + ".h264 " + sample + ".aac");
   ASSERT_EQ(r.status, 0) << r.output;
 
   // The installed tool finds its library.
-  r = run_command("'" + prefix + "/bin/mp4rec' inspect -q '" + dir.file("cm.mp4") + "'");
+  r = run_command(MP4REC_LAUNCHER "'" + prefix + "/bin/mp4rec' inspect -q '" + dir.file("cm.mp4") +
+                  "'");
   EXPECT_EQ(r.status, 0) << r.output;
 }
 

@@ -17,6 +17,8 @@ using testsupport::ffmpeg_decode_errors;
 using testsupport::ffprobe_frames;
 using testsupport::ffprobe_packets;
 using testsupport::TempDir;
+using tooltest::kExampleHost;
+using tooltest::kTool;
 using tooltest::run_tool;
 
 const std::string kSampleVideo = MP4REC_SAMPLE_DIR "/sample.h264";
@@ -56,7 +58,7 @@ long sample_aac_frames() {
 
 TEST(Record, BuiltInSampleIntoRecordings) {
   TempDir dir;
-  const auto r = testsupport::run_command("cd '" + dir.path() + "' && '" MP4REC_TOOL "' record");
+  const auto r = testsupport::run_command("cd '" + dir.path() + "' && " + kTool + " record");
   ASSERT_EQ(r.status, 0) << r.output;
   const auto files = mp4_files(dir.file("recordings"));
   ASSERT_EQ(files.size(), 1u) << r.output;
@@ -91,9 +93,9 @@ TEST(Record, SegmentsAddUpToTheWholeRecording) {
 // From a pipe, with audio durations from the frames' time stamps.
 TEST(Record, StandardInput) {
   TempDir dir;
-  const auto r = testsupport::run_command("cat '" + kSampleVideo +
-                                          "' | '" MP4REC_TOOL "' record - --audio-timestamps -a '" +
-                                          kSampleAudio + "' -o '" + dir.path() + "' -n in.mp4");
+  const auto r = testsupport::run_command("cat '" + kSampleVideo + "' | " + kTool +
+                                          " record - --audio-timestamps -a '" + kSampleAudio +
+                                          "' -o '" + dir.path() + "' -n in.mp4");
   ASSERT_EQ(r.status, 0) << r.output;
   const std::string file = dir.file("in.mp4");
   EXPECT_EQ(ffprobe_frames(file, "v"), sample_pictures());
@@ -231,7 +233,7 @@ TEST(Record, FullCard) {
   TempDir dir;
   const std::string video = testsupport::h264_stream(640, 480, 30, 6, 30);
   const auto r = testsupport::run_command(
-      "ulimit -f 1500 && ASAN_OPTIONS=detect_leaks=0 '" MP4REC_TOOL "' record '" + video +
+      "ulimit -f 1500 && ASAN_OPTIONS=detect_leaks=0 " + kTool + " record '" + video +
       "' --duration 20 --no-progress -o '" + dir.path() + "' -n full.mp4");
   EXPECT_EQ(r.status, 1) << r.output;
   EXPECT_NE(r.output.find("card may be full"), std::string::npos) << r.output;
@@ -313,8 +315,8 @@ TEST(Inspect, ExitStatus) {
 TEST(Example, HostProgramRecordsAPlayableFile) {
   TempDir dir;
   const std::string out = dir.file("host.mp4");
-  const auto r = testsupport::run_command("'" MP4REC_EXAMPLE_HOST "' '" + out + "' '" +
-                                          kSampleVideo + "' '" + kSampleAudio + "'");
+  const auto r = testsupport::run_command(kExampleHost + " '" + out + "' '" + kSampleVideo + "' '" +
+                                          kSampleAudio + "'");
   ASSERT_EQ(r.status, 0) << r.output;
   EXPECT_EQ(ffprobe_frames(out, "v"), sample_pictures());
   EXPECT_EQ(ffprobe_frames(out, "a"), sample_aac_frames());

@@ -23,7 +23,7 @@ std::string ffmpeg_mp4(bool faststart) {
 }
 
 testsupport::CommandResult run_tool(const std::string &args, const std::string &env) {
-  return testsupport::run_command(env + (env.empty() ? "" : " ") + "'" MP4REC_TOOL "' " + args);
+  return testsupport::run_command(env + (env.empty() ? "" : " ") + kTool + " " + args);
 }
 
 void truncate_copy(const std::string &from, const std::string &to, size_t n) {

@@ -11,6 +11,11 @@ namespace tooltest {
 // An MP4 of H.264 + AAC muxed by ffmpeg (`faststart`: index in front), cached.
 std::string ffmpeg_mp4(bool faststart);
 
+// Shell words that start the tool and the example host (a cross build starts
+// them through the emulator).
+inline const std::string kTool = MP4REC_LAUNCHER "'" MP4REC_TOOL "'";
+inline const std::string kExampleHost = MP4REC_LAUNCHER "'" MP4REC_EXAMPLE_HOST "'";
+
 // Runs the mp4rec binary with the arguments (shell words); stdout and stderr together.
 testsupport::CommandResult run_tool(const std::string &args, const std::string &env = "");
 
