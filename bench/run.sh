@@ -148,6 +148,11 @@ if [ "${PROFILE:-1}" != 0 ] && command -v valgrind >/dev/null; then
   text '```'
 fi
 
+if [ -f "$root/build-mipsel/target.env" ]; then
+  section "On the target: 32-bit MIPS (sizes, and instructions under qemu)"
+  "$root/bench/target.sh" "$build" >>"$tmp/body"
+fi
+
 {
   echo "# Benchmark results"
   echo
