@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need (Debian, as root; quiet when all is
-# there), then builds and runs the test suite three times: plain, under
-# AddressSanitizer + UndefinedBehaviorSanitizer, and the threaded suites under
-# ThreadSanitizer. After the plain run, every validator of scripts/validate.sh
-# (which installs what it needs) checks a closed and a cut recording.
+# there), then builds and runs the test suite four times: plain, under
+# AddressSanitizer + UndefinedBehaviorSanitizer, the threaded suites under
+# ThreadSanitizer, and everything cross-built for the cameras' 32-bit MIPS
+# under qemu (scripts/test-target.sh). After the plain run, every validator of
+# scripts/validate.sh (which installs what it needs) checks a closed and a cut
+# recording.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -42,3 +44,7 @@ cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMP4REC_SANITIZE=thr
   -DMP4REC_BUILD_BENCH=OFF -DMP4REC_BUILD_TOOLS=OFF >/dev/null
 cmake --build build-tsan -j "$jobs" >/dev/null
 (cd build-tsan && $tsan_prefix ctest --output-on-failure -j "$jobs" --timeout 600)
+
+# The cameras' processor; the plain build's tool records the reference files
+# of the byte-identity test.
+./scripts/test-target.sh build
