@@ -120,12 +120,16 @@ echo "== build-mipsel"
 # Compiled objects are cached too (ccache, keyed by the preprocessed source and
 # flags, paths taken relative to the checkout).
 export CCACHE_DIR=$cache/ccache CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=true CCACHE_MAXSIZE=1G
+# The native build's optimisation without its debug information, which would
+# cost a quarter more compile time.
+opt="-O2 -DNDEBUG"
 # The tool and the tests link the libavcodec with the H.264 decoder; the
 # shared library the MP2-only one, as a camera's firmware would.
 export PKG_CONFIG_LIBDIR=$libav_tool/lib/pkgconfig
 rm -f build-mipsel/CMakeCache.txt  # pkg-config results are cached: look afresh
 cmake -S . -B build-mipsel -DCMAKE_TOOLCHAIN_FILE="cmake/toolchains/$triple.cmake" \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMP4REC_BUILD_BENCH=OFF \
+  "-DCMAKE_C_FLAGS_RELWITHDEBINFO=$opt" "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=$opt" \
   -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache \
   "-DCMAKE_FIND_ROOT_PATH=$libav_library;$libav_tool;$gtest" \
   -DMP4REC_SHARED_LIBAV_PC_DIR="$libav_library/lib/pkgconfig" \
