@@ -24,14 +24,13 @@ cache=${MP4REC_TARGET_CACHE:-/var/cache/mp4rec-target}
 mkdir -p "$work"
 
 # The target's build with the bench (no libavformat there: its own back ends only).
-if [ ! -x build-mipsel-bench/bench/mp4rec_bench ]; then
-  PKG_CONFIG_LIBDIR=$libav_tool/lib/pkgconfig cmake -S . -B build-mipsel-bench \
-    -DCMAKE_TOOLCHAIN_FILE="cmake/toolchains/$triple.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DMP4REC_BUILD_TESTS=OFF "-DCMAKE_FIND_ROOT_PATH=$libav_library;$libav_tool" \
-    -DMP4REC_SHARED_LIBAV_PC_DIR="$libav_library/lib/pkgconfig" >/dev/null
-  cmake --build build-mipsel-bench -j2 >/dev/null
-fi
-[ -x "$native/bench/mp4rec_bench" ] || cmake --build "$native" -j2 --target mp4rec_bench >/dev/null
+rm -f build-mipsel-bench/CMakeCache.txt  # the libraries' places may have changed
+PKG_CONFIG_LIBDIR=$libav_tool/lib/pkgconfig cmake -S . -B build-mipsel-bench \
+  -DCMAKE_TOOLCHAIN_FILE="cmake/toolchains/$triple.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DMP4REC_BUILD_TESTS=OFF "-DCMAKE_FIND_ROOT_PATH=$libav_library;$libav_tool" \
+  -DMP4REC_SHARED_LIBAV_PC_DIR="$libav_library/lib/pkgconfig" >/dev/null
+cmake --build build-mipsel-bench -j2 >/dev/null
+cmake --build "$native" -j2 --target mp4rec_bench mp4rec_tool >/dev/null
 
 # The counting plugin, against the header of the qemu that runs it.
 qemu_version=$(dpkg-query -W -f='${source:Version}' qemu-user)
