@@ -20,10 +20,23 @@ void reset_node(mp4_buffer_node *node) {
   node->mp4 = nullptr;
 }
 
+int64_t stall_deadline(const mp4_data_buffer *data) {
+  const int64_t started = data->write_started_ms.load(std::memory_order_relaxed);
+  return (started != 0 ? started : monotonic_ms()) + stall_bound_ms();
+}
+
 void wake_writer(mp4_data_buffer *data) {
-  pthread_mutex_lock(&data->signal_lock);
+  if (!lock_until(data->signal_lock, stall_deadline(data))) return;
   pthread_cond_signal(&data->cond);
   pthread_mutex_unlock(&data->signal_lock);
+}
+
+void restore_storage(mp4_data_buffer *data, mp4_buffer_node *node) {
+  if (node->own_buf == nullptr) return;
+  delete[] node->buf;
+  node->buf = node->own_buf;
+  node->own_buf = nullptr;
+  data->grown_nodes.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void push_to_write_queue(mp4_data_buffer *data, mp4_buffer_node *node) {
@@ -53,6 +66,7 @@ struct Setup {
 void free_node(mp4_buffer_node *node) {
   if (node == nullptr) return;
   delete[] node->buf;
+  delete[] node->own_buf;
   delete node;
 }
 
@@ -87,12 +101,34 @@ mp4_buffer_node *make_node(int32_t media_type, int32_t size) {
   return node;
 }
 
-// Empties a node and appends it to a media queue (init).
-void rebind_node(mp4_buffer_node *node, mp4_buffer_node **queue) {
+// Empties a node, dropping whatever frames it holds.
+void empty_node(mp4_data_buffer *data, mp4_buffer_node *node) {
   DataBuffer_FreeVideoTrack(node);
   DataBuffer_FreeAACTrack(node);
+  restore_storage(data, node);
   reset_node(node);
+}
+
+// Empties a node and appends it to a media queue (init).
+void rebind_node(mp4_data_buffer *data, mp4_buffer_node *node, mp4_buffer_node **queue) {
+  empty_node(data, node);
   DataBuffer_QueuePush(queue, node);
+}
+
+mp4_buffer_node **queue_of(mp4_data_buffer *data, const mp4_buffer_node *node) {
+  return node->media_type == kMediaVideo ? &data->video_queue : &data->audio_queue;
+}
+
+// Waits (until `deadline_ms`) for the writer thread to end; true when it did.
+bool await_writer_end(mp4_data_buffer *data, int64_t deadline_ms) {
+  for (;;) {
+    const uint64_t seen = data->progress.seen();
+    if (data->writer_ended.load(std::memory_order_acquire)) return true;
+    if (!data->progress.wait(seen, deadline_ms) &&
+        !data->writer_ended.load(std::memory_order_acquire)) {
+      return false;
+    }
+  }
 }
 
 // Returns once the writer thread has announced itself under signal_lock: from
@@ -170,9 +206,9 @@ int mp4_write_data_buffer_init(mp4_data_buffer *data, FILE *video_file, FILE *au
   data->record_time_arg = nullptr;
   data->record_time_cb = nullptr;
   data->video_queue = nullptr;
-  for (int i = 0; i < 3; ++i) rebind_node(data->bufnode[i], &data->video_queue);
+  for (int i = 0; i < 3; ++i) rebind_node(data, data->bufnode[i], &data->video_queue);
   data->audio_queue = nullptr;
-  for (int i = 3; i < 6; ++i) rebind_node(data->bufnode[i], &data->audio_queue);
+  for (int i = 3; i < 6; ++i) rebind_node(data, data->bufnode[i], &data->audio_queue);
   return 0;
 }
 
@@ -181,16 +217,31 @@ int mp4_write_data_buffer_delete(mp4_data_buffer *data) {
     MP4_ERR("DataBuffer Delete,arg == NULL!\n");
     return -1;
   }
+  // The writer stops after the node it is writing; if that one write does not
+  // come back within the bound, the thread and the buffer are left to it.
+  const int64_t deadline = stall_deadline(data);
   {
     MutexLock lock(data->queue_lock);
     data->buffer_status.store(kBufferExit, std::memory_order_relaxed);
   }
   wake_writer(data);
   MP4_LOG(kLogProgress, kModAudio, "pthread_join start\n");
+  if (!await_writer_end(data, deadline)) {
+    pthread_detach(data->thread);
+    {
+      MutexLock lock(data->queue_lock);
+      data->record_time_cb = nullptr;  // the host's callback is not called any more
+    }
+    abandon(data, __func__,
+            "DataBuffer Delete: a card write has not returned, the writer thread and its buffer "
+            "are left behind\n");
+    return 0;
+  }
   pthread_join(data->thread, nullptr);
   MP4_LOG(kLogProgress, kModAudio, "pthread_join end\n");
   // The index records still attached to nodes (frames never written) belong
-  // to the buffer; they go with it.
+  // to the buffer; they go with it. A file still bound lets go of it.
+  if (data->bound != nullptr) data->bound->dataBuffer = nullptr;
   for (mp4_buffer_node *node : data->bufnode) {
     DataBuffer_FreeVideoTrack(node);
     DataBuffer_FreeAACTrack(node);
@@ -198,6 +249,54 @@ int mp4_write_data_buffer_delete(mp4_data_buffer *data) {
   release(data, Setup{true, true, true});
   return 0;
 }
+
+}  // extern "C"
+
+namespace mp4rec {
+
+bool unbind_handle(mp4_data_buffer *data, mp4_handle *handle) {
+  const int64_t deadline = stall_deadline(data);
+  for (;;) {
+    const uint64_t seen = data->progress.seen();
+    {
+      MutexLock lock(data->queue_lock);
+      if (data->writing == nullptr || data->writing->mp4 != handle) {
+        // Queued nodes of the file are dropped and go back to their queues;
+        // a head node being filled for it is emptied where it stands.
+        for (mp4_buffer_node **link = &data->write_queue; *link != nullptr;) {
+          mp4_buffer_node *node = *link;
+          if (node->mp4 != handle) {
+            link = &node->next;
+            continue;
+          }
+          *link = node->next;
+          empty_node(data, node);
+          DataBuffer_QueuePush(queue_of(data, node), node);
+        }
+        for (mp4_buffer_node *queue : {data->video_queue, data->audio_queue}) {
+          if (queue != nullptr && queue->mp4 == handle) {
+            mp4_buffer_node *next = queue->next;
+            empty_node(data, queue);
+            queue->next = next;
+          }
+        }
+        if (data->bound == handle) {
+          data->bound = nullptr;
+          data->video_file = nullptr;
+          data->audio_file = nullptr;
+        }
+        handle->dataBuffer = nullptr;
+        return true;
+      }
+    }
+    if (monotonic_ms() >= deadline) return false;
+    data->progress.wait(seen, deadline);
+  }
+}
+
+}  // namespace mp4rec
+
+extern "C" {
 
 int DataBuffer_FreeVideoTrack(mp4_buffer_node *node) {
   if (node == nullptr || node->nal_head == nullptr) return 0;

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "buffer/stall.h"
 #include "common/internal.h"
 
 // Media types of a buffer node, and the kinds DataBuffer_fwrite takes.
@@ -38,6 +39,11 @@ struct mp4_buffer_node {
   audioNode *aac_tail;
   mp4_handle *mp4;        // whose index receives this node's frames
   mp4_buffer_node *next;  // link within the queue that holds the node
+  // Beyond the record above: the node's own storage while `buf` is a larger
+  // one grown for a single big frame (null otherwise), and whether the writer
+  // thread writes the node for finish (no record-time callback then).
+  uint8_t *own_buf;
+  int32_t for_finish;
 };
 
 struct mp4_data_buffer {
@@ -62,6 +68,22 @@ struct mp4_data_buffer {
   // first wait, so that whoever sees it under signal_lock knows the thread is
   // waiting on cond.
   int32_t thread_started;
+
+  // Bookkeeping of the bounded waits. The node the writer thread is writing
+  // and the file bound by mp4_set_data_buffer (both under queue_lock); when
+  // that write began (monotonic ms, 0 when idle); a count raised after every
+  // node and when the thread ends; and whether it has ended.
+  mp4_buffer_node *writing;
+  std::atomic<int64_t> write_started_ms;
+  mp4rec::Progress progress;
+  std::atomic<bool> writer_ended;
+  mp4_handle *bound;
+  // A handler whose close failed on a card error and that the library keeps
+  // until the session's next file or the session's end (front end; under
+  // queue_lock).
+  void *kept_handler;
+  // Video nodes holding grown storage right now (at most one).
+  std::atomic<int32_t> grown_nodes;
 };
 
 static_assert(sizeof(std::atomic<int32_t>) == sizeof(int32_t));
@@ -90,7 +112,9 @@ class MutexLock {
 };
 
 // Wakes the writer thread: takes signal_lock (and so waits until the writer is
-// idle), signals cond and lets go.
+// idle), signals cond and lets go. When the writer is stuck in one write for
+// longer than the bound, it gives up without signalling: the writer is draining
+// and finds the new node when it comes back.
 void wake_writer(mp4_data_buffer *data);
 
 // Pushes a node at the tail of the write queue under queue_lock.
@@ -101,5 +125,24 @@ void unlink_queue_head(mp4_data_buffer *data, mp4_buffer_node *&queue);
 
 // Empties a node for reuse: positions, counts, link and handle cleared.
 void reset_node(mp4_buffer_node *node);
+
+// Gives a node grown for a big frame its own storage back.
+void restore_storage(mp4_data_buffer *data, mp4_buffer_node *node);
+
+// The largest video frame the buffer takes (length prefix included): a frame
+// larger than a node goes into a node grown for it alone, whose extra storage
+// is returned once it is written.
+inline constexpr uint32_t kLargestVideoFrame = 4u << 20;
+
+// When a wait on the writer thread gives up: the bound after the start of the
+// write in progress, or after now when it is idle.
+int64_t stall_deadline(const mp4_data_buffer *data);
+
+// Lets go of a file: waits (within the bound) until the writer thread is not
+// writing one of its nodes, drops every node still holding its frames, and
+// clears every pointer of the buffer to it and its pointer to the buffer.
+// False when the writer is still inside a write of this file at the deadline:
+// the file must then stay allocated.
+bool unbind_handle(mp4_data_buffer *data, mp4_handle *handle);
 
 }  // namespace mp4rec

@@ -4,6 +4,7 @@
 // without a lock: it belongs to the producer while it heads its queue.
 #include <array>
 #include <cstring>
+#include <new>
 
 #include "buffer/data_buffer.h"
 #include "mp4/node_list.h"
@@ -88,6 +89,56 @@ void split_video(mp4_data_buffer *data, mp4_buffer_node *node, mp4_buffer_node *
   next->data_len += size - room;
 }
 
+// Waits (15 looks, 200 ms apart, as for a free node) until no other video
+// node holds grown storage. 0, or the refusal's code.
+int await_no_grown_node(mp4_data_buffer *data) {
+  for (int look = 0; look < kQueueTopLooks; ++look) {
+    if (data->grown_nodes.load(std::memory_order_relaxed) == 0) return 0;
+    if (status_of(data) == kBufferIoError) return -2;
+    usleep(kQueueTopPauseUs);
+  }
+  return refusal(data);
+}
+
+// A video frame larger than a node: the node being filled goes to the writer
+// first (file order is kept), then the next node gets storage of the frame's
+// size for this frame alone and goes to the writer at once; the writer gives
+// it its own storage back once it is written.
+int put_grown_video(mp4_data_buffer *data, const uint8_t *payload, videoNode *vnode,
+                    mp4_handle *handle, uint32_t size) {
+  if (size > kLargestVideoFrame) {
+    MP4_ERR("mp4 write video : a frame of %u bytes is larger than the largest frame (%u bytes)\n",
+            size, kLargestVideoFrame);
+    return -1;
+  }
+  if (const int r = await_no_grown_node(data); r != 0) return r;
+  mp4_buffer_node *node = DataBuffer_QueueTop(data, kMediaVideo);
+  if (node == nullptr) return refusal(data);
+  if (node->data_len > 0) {
+    unlink_queue_head(data, data->video_queue);
+    hand_over(data, node);
+    node = DataBuffer_QueueTop(data, kMediaVideo);
+    if (node == nullptr) return refusal(data);
+  }
+  auto *storage = new (std::nothrow) uint8_t[size];
+  if (storage == nullptr) {
+    MP4_ERR("mp4 write video : no memory for a frame of %u bytes\n", size);
+    return -1;
+  }
+  unlink_queue_head(data, data->video_queue);
+  node->own_buf = node->buf;
+  node->buf = storage;
+  data->grown_nodes.fetch_add(1, std::memory_order_relaxed);
+  node->write_pos = 0;
+  node->data_len = 0;
+  append_video(node, payload, size);
+  node->frame_count = 0;
+  node->mp4 = handle;
+  DataBuffer_NalistInsert(vnode, node);
+  hand_over(data, node);
+  return 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -145,12 +196,13 @@ int mp4_write_data_buffer_write_video_index(mp4_data_buffer *data, unsigned char
     return -1;
   }
   const uint32_t size = vnode->size;
-  // A frame never spans two nodes here, so one larger than a node is refused.
-  if (data == nullptr || payload == nullptr || size < 5 ||
-      size > static_cast<uint32_t>(data->video_buf_size)) {
+  if (data == nullptr || payload == nullptr || size < 5) {
     MP4_ERR("mp4 write video : input arg error\n");
     return -1;
   }
+  // A frame never spans two nodes here: one larger than a node gets a node of its own.
+  if (size > static_cast<uint32_t>(data->video_buf_size))
+    return put_grown_video(data, payload, vnode, handle, size);
   mp4_buffer_node *node = DataBuffer_QueueTop(data, kMediaVideo);
   if (node == nullptr) return refusal(data);
   if (size <= room_left(node, data->video_buf_size)) {

@@ -2,6 +2,7 @@
 // write queue, the node writer that brings the reserved index up to date after
 // each complete node, the finish of a file in the caller's thread, and the
 // bindings the front end uses.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -14,27 +15,31 @@ using namespace mp4rec;
 namespace {
 
 // Brings the index up to date for the frames of a node whose bytes are now in
-// the file. A failed update does not fail the write.
-void update_index(mp4_buffer_node *node, int media_type) {
-  if (media_type == kMediaVideo) {
-    if (mp4_write_moov_update_buffer(1, node->nal_head, node->nal_tail, node->mp4,
-                                     node->data_len) != 0) {
-      MP4_LOG_AS("DataBuffer_fwrite", kLogError, kModRecorder, "write video index error\n");
-    }
-  } else if (media_type == kMediaAudio) {
-    if (mp4_write_moov_update_buffer(2, node->aac_head, node->aac_tail, node->mp4,
-                                     node->data_len) != 0) {
-      MP4_LOG_AS("DataBuffer_fwrite", kLogError, kModRecorder, "write audio index error\n");
-    }
-  } else {
+// the file. False when the update of a file's index failed: that index stays
+// as it was before this node and nothing more is entered into it.
+bool update_index(mp4_buffer_node *node, int media_type) {
+  if (media_type != kMediaVideo && media_type != kMediaAudio) {
     MP4_LOG_AS("DataBuffer_fwrite", kLogError, kModRecorder, "data type error\n");
+    return true;
   }
+  const bool video = media_type == kMediaVideo;
+  const int r = video ? mp4_write_moov_update_buffer(1, node->nal_head, node->nal_tail, node->mp4,
+                                                     node->data_len)
+                      : mp4_write_moov_update_buffer(2, node->aac_head, node->aac_tail, node->mp4,
+                                                     node->data_len);
+  if (r == 0) return true;
+  MP4_LOG_AS("DataBuffer_fwrite", kLogError, kModRecorder,
+             video ? "write video index error\n" : "write audio index error\n");
+  // A node without a file (the calls without index) has nothing to enter.
+  return node->mp4 == nullptr;
 }
 
 // Empties a written node and returns it to the tail of its own queue
 // (queue_lock held).
 void recycle(mp4_data_buffer *data, mp4_buffer_node *node) {
+  restore_storage(data, node);
   reset_node(node);
+  node->for_finish = 0;
   if (node->media_type == kMediaVideo) {
     DataBuffer_FreeVideoTrack(node);
     DataBuffer_QueuePush(&data->video_queue, node);
@@ -45,32 +50,44 @@ void recycle(mp4_data_buffer *data, mp4_buffer_node *node) {
 }
 
 // Writes every node of the write queue in order (queue_lock held on entry and
-// on return; released around each write). While buffer_status is not 0 and a
-// node waits, it keeps re-checking with queue_lock held: after a card error or
-// an exit command the writer stops there and takes nothing further.
+// on return; released around each write). After a card error or an exit
+// command it leaves at once, the queue as it stands: it never waits holding
+// queue_lock.
 void drain(mp4_data_buffer *data) {
   for (;;) {
     mp4_buffer_node *node = data->write_queue;
     if (node == nullptr) return;
-    if (data->buffer_status.load(std::memory_order_relaxed) != kBufferOk) continue;
+    if (data->buffer_status.load(std::memory_order_relaxed) != kBufferOk) return;
     const bool video = node->media_type == kMediaVideo;
     FILE *file = video ? data->video_file : data->audio_file;
     const int kind = video ? kMediaVideo : kMediaAudio;
+    data->writing = node;
+    data->write_started_ms.store(monotonic_ms(), std::memory_order_relaxed);
     pthread_mutex_unlock(&data->queue_lock);
     const int r = DataBuffer_fwrite(node, file, kind);
     pthread_mutex_lock(&data->queue_lock);
+    data->writing = nullptr;
+    data->write_started_ms.store(0, std::memory_order_relaxed);
     if (r == -2) {
       data->buffer_status.store(kBufferIoError, std::memory_order_relaxed);
+      data->progress.bump();
       return;  // the failed node stays at the head of the write queue
     }
     if (r != 0) continue;
     data->write_queue = node->next;
+    const bool for_finish = node->for_finish != 0;
     recycle(data, node);
-    if (data->record_time_cb != nullptr) data->record_time_cb(data->record_time_arg);
+    if (data->record_time_cb != nullptr && !for_finish) data->record_time_cb(data->record_time_arg);
+    data->progress.bump();
   }
 }
 
-[[noreturn]] void exit_writer() {
+// Ends the writer thread; whoever deletes the buffer learns of it first.
+[[noreturn]] void exit_writer(mp4_data_buffer *data) {
+  if (data != nullptr) {
+    data->writer_ended.store(true, std::memory_order_release);
+    data->progress.bump();
+  }
   pthread_exit(nullptr);
 }
 
@@ -91,10 +108,7 @@ int DataBuffer_fwrite(mp4_buffer_node *node, FILE *file, int media_type) {
       MP4_ERR("ferror, stop writing! error:%s\n", std::strerror(errno));
       return -2;
     }
-    if (static_cast<uint32_t>(r) == n) {
-      update_index(node, media_type);
-      return 0;
-    }
+    if (static_cast<uint32_t>(r) == n) return update_index(node, media_type) ? 0 : -2;
     if (errno == EBADF) {
       MP4_LOG38(kLogError, "[%d] ret:%d error(%d):%s\n\n", r, errno, std::strerror(errno));
       return -2;
@@ -112,7 +126,7 @@ void *DataBuffer_Proc(void *arg) {
   auto *data = static_cast<mp4_data_buffer *>(arg);
   if (data == nullptr) {
     MP4_ERR("arg == NULL!\n");
-    exit_writer();
+    exit_writer(nullptr);
   }
   MP4_LOG(kLogProgress, kModRecorder, " buffer start!\n");
   // signal_lock is held from here on and given up only inside the wait on cond.
@@ -124,13 +138,13 @@ void *DataBuffer_Proc(void *arg) {
     // signal_lock. After a drain the status read there is the one tested here.
     if (status == kBufferExit) {
       MP4_LOG(kLogProgress, kModAudio, " we get exit comand,exit here!\n");
-      exit_writer();
+      exit_writer(data);
     }
     pthread_cond_wait(&data->cond, &data->signal_lock);
     if (data->buffer_status.load(std::memory_order_relaxed) == kBufferExit) {
       MP4_LOG(kLogProgress, kModRecorder, " we get exit comand,exit here!\n");
       pthread_mutex_unlock(&data->signal_lock);
-      exit_writer();
+      exit_writer(data);
     }
     pthread_mutex_lock(&data->queue_lock);
     drain(data);
@@ -139,7 +153,7 @@ void *DataBuffer_Proc(void *arg) {
     if (status == kBufferExit) {
       MP4_LOG(kLogFrames, kModRecorder, " we get exit comand,exit here!\n");
       pthread_mutex_unlock(&data->signal_lock);
-      exit_writer();
+      exit_writer(data);
     }
   }
 }
@@ -149,40 +163,77 @@ int mp4_write_data_buffer_finish(mp4_data_buffer *data) {
     MP4_ERR("arg error\n");
     return -1;
   }
-  int polls = 0;
+  // Waits while the writer thread drains the queue, then hands it the two
+  // half-filled heads and waits for them too: every card write stays on the
+  // writer thread, so a write that never returns cannot hold the caller. The
+  // wait gives up when one node's write takes longer than the bound.
+  const int64_t start = monotonic_ms();
+  mp4_buffer_node *heads[2] = {nullptr, nullptr};  // video, audio
+  mp4_buffer_node *finals[2] = {nullptr, nullptr};
+  bool handed = false;
   for (;;) {
-    bool io_error = false;
-    bool empty = false;
+    const uint64_t seen = data->progress.seen();
+    bool io_error = false, empty = false, writing = false, stalled = false, failed_final = false;
     {
       MutexLock lock(data->queue_lock);
       io_error = data->buffer_status.load(std::memory_order_relaxed) == kBufferIoError;
       empty = data->write_queue == nullptr;
+      writing = data->writing != nullptr;
+      failed_final = io_error && handed && data->write_queue != nullptr &&
+                     (data->write_queue == finals[0] || data->write_queue == finals[1]);
+      const int64_t started = data->write_started_ms.load(std::memory_order_relaxed);
+      stalled = !io_error && writing && monotonic_ms() - started > stall_bound_ms();
+      if (stalled) data->buffer_status.store(kBufferIoError, std::memory_order_relaxed);
     }
-    if (io_error) {
+    if (failed_final) return -2;  // a last write failed; the node writer has said why
+    if (io_error || stalled) {
       MP4_ERR("sd card error happened!\n");
       return -1;
     }
-    if (empty) break;
-    usleep(kQueueTopPauseUs);
-    ++polls;
+    if (empty && handed) {
+      // As before the writer thread did the last writes: each queue holds its
+      // old head alone until the next init.
+      MutexLock lock(data->queue_lock);
+      data->video_queue = heads[0];
+      data->audio_queue = heads[1];
+      for (mp4_buffer_node *head : heads)
+        if (head != nullptr) head->next = nullptr;
+      return 0;
+    }
+    if (empty) {
+      const int64_t polls = (monotonic_ms() - start) / (kQueueTopPauseUs / 1000);
+      if (polls >= kQueueTopLooks) {
+        MP4_LOG(kLogFrames, kModAudio, " fwrite busy, wait %d times!\n", static_cast<int>(polls));
+      }
+      // The writer thread is idle now: the heads are handed to it in this order.
+      MutexLock lock(data->queue_lock);
+      int n = 0;
+      heads[0] = data->video_queue;
+      heads[1] = data->audio_queue;
+      for (mp4_buffer_node **queue : {&data->video_queue, &data->audio_queue}) {
+        mp4_buffer_node *head = *queue;
+        if (head == nullptr) continue;
+        if (head->data_len == 0) {  // nothing to write: emptied where it stands
+          head->media_type == kMediaVideo ? DataBuffer_FreeVideoTrack(head)
+                                          : DataBuffer_FreeAACTrack(head);
+          mp4_buffer_node *next = head->next;
+          reset_node(head);
+          head->next = next;
+          continue;
+        }
+        *queue = head->next;
+        head->next = nullptr;
+        head->for_finish = 1;
+        DataBuffer_QueuePush(&data->write_queue, head);
+        finals[n++] = head;
+      }
+      handed = true;
+      if (n == 0) continue;
+    }
+    if (!writing) wake_writer(data);  // a node waits and the writer is idle
+    data->progress.wait(seen,
+                        std::min(monotonic_ms() + kQueueTopPauseUs / 1000, stall_deadline(data)));
   }
-  if (polls >= kQueueTopLooks) {
-    MP4_LOG(kLogFrames, kModAudio, " fwrite busy, wait %d times!\n", polls);
-  }
-  // The writer thread is idle now; the two half-filled heads are written here.
-  if (mp4_buffer_node *video = DataBuffer_QueueTop(data, kMediaVideo)) {
-    const int r = DataBuffer_fwrite(video, data->video_file, kMediaVideo);
-    if (r < 0) return r;
-    reset_node(video);
-    DataBuffer_FreeVideoTrack(video);
-  }
-  if (mp4_buffer_node *audio = DataBuffer_QueueTop(data, kMediaAudio)) {
-    const int r = DataBuffer_fwrite(audio, data->audio_file, kMediaAudio);
-    if (r < 0) return r;
-    reset_node(audio);
-    DataBuffer_FreeAACTrack(audio);
-  }
-  return 0;
 }
 
 int mp4_set_data_buffer(mp4_handle *handle, mp4_data_buffer *data) {
@@ -194,8 +245,21 @@ int mp4_set_data_buffer(mp4_handle *handle, mp4_data_buffer *data) {
     MP4_ERR("mp4 prepare : file path param error\n");
     return -1;
   }
+  // A file still bound to the buffer lets go of it first; the writer thread
+  // must not be inside a write of that file while the queues are rebuilt.
+  mp4_handle *previous = nullptr;
+  {
+    MutexLock lock(data->queue_lock);
+    previous = data->bound;
+  }
+  if (previous != nullptr && previous != handle && !unbind_handle(data, previous)) {
+    MP4_ERR("mp4 prepare buffer : the card has not finished the previous file\n");
+    return -1;
+  }
   handle->dataBuffer = data;
   mp4_write_data_buffer_init(data, handle->file, handle->file);
+  MutexLock lock(data->queue_lock);
+  data->bound = handle;
   return 0;
 }
 

@@ -42,6 +42,24 @@ TEST(Enqueue, FrameOfExactlyTheRoomLeftStaysInTheNode) {
   EXPECT_EQ(card.bytes(), concat({stored_video(a), stored_video(b), stored_video(c)}));
 }
 
+// A frame larger than a node goes into a node grown for it alone, behind the
+// node being filled; the node gets its own storage back once written.
+TEST(Enqueue, AFrameLargerThanANodeGetsANodeOfItsOwn) {
+  Buffer data(32, 16);
+  CardStream card;
+  ASSERT_EQ(mp4_write_data_buffer_init(data, card.file(), card.file()), 0);
+  uint8_t *const own = data->bufnode[1]->buf;
+  const Bytes a = pattern(12, 0x10), big = pattern(100, 0x40), c = pattern(4, 0x70);
+  ASSERT_EQ(put_video(data, a), 0);
+  ASSERT_EQ(put_video(data, big), 0);
+  ASSERT_EQ(put_video(data, c), 0);  // into the next node, as after any hand-over
+  EXPECT_EQ(data->video_queue, data->bufnode[2]);
+  ASSERT_EQ(mp4_write_data_buffer_finish(data), 0);
+  EXPECT_EQ(card.bytes(), concat({stored_video(a), stored_video(big), stored_video(c)}));
+  EXPECT_EQ(data->bufnode[1]->buf, own);
+  EXPECT_EQ(data->grown_nodes.load(), 0);
+}
+
 // The calls without index split a frame over two nodes; inside the length
 // prefix the least significant byte is lost while data_len still counts it.
 TEST(Enqueue, VideoWithoutIndexSplitsOverTwoNodes) {
@@ -87,13 +105,16 @@ TEST(Enqueue, FramesOfBadSizeChangeNothing) {
   ASSERT_EQ(mp4_write_data_buffer_init(data, card.file(), card.file()), 0);
   ASSERT_EQ(put_video(data, pattern(4, 1)), 0);
   LogCapture log;
-  EXPECT_EQ(put_video(data, {}), -1);         // size 4
-  EXPECT_EQ(put_video(data, Bytes(61)), -1);  // larger than a node
+  EXPECT_EQ(put_video(data, {}), -1);  // size 4
+  EXPECT_EQ(put_video(data, Bytes(mp4rec::kLargestVideoFrame - 3)), -1);
   EXPECT_EQ(put_audio(data, Bytes(33)), -1);
   Bytes big(80);
   EXPECT_EQ(mp4_write_data_buffer_write_video(data, big.data(), 4), -1);
   EXPECT_EQ(mp4_write_data_buffer_write_audio(data, big.data(), 33), -1);
-  EXPECT_EQ(log.count("mp4 write video : input arg error\n"), 2) << log.dump();
+  EXPECT_EQ(log.count("mp4 write video : input arg error\n"), 1) << log.dump();
+  EXPECT_EQ(log.count("mp4 write video : a frame of 4194305 bytes is larger than the largest "
+                      "frame (4194304 bytes)\n"),
+            1);
   EXPECT_EQ(log.count("mp4 write audio : audio node error\n"), 1);
   EXPECT_EQ(log.count("input arg error\n"), 2);
   EXPECT_EQ(data->bufnode[0]->data_len, 8u);
