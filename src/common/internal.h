@@ -42,6 +42,11 @@ inline constexpr int kLogError = 3;
 inline constexpr int kLogFrames = 6;
 inline constexpr int kLogProgress = 7;
 
+// The largest file the writers make: positions go through mp4_ftell and
+// mp4_fseek as signed 32-bit values, so every byte of a file (head, index and
+// samples) lies below 2 GiB. A frame that would cross it is refused with -5.
+inline constexpr uint64_t kMaxFileBytes = 0x7FFFFFFFu;
+
 inline uint32_t relaxed(const std::atomic<uint32_t> &v) {
   return v.load(std::memory_order_relaxed);
 }

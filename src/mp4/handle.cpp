@@ -6,6 +6,8 @@
 #include <ctime>
 #include <new>
 
+#include "buffer/data_buffer.h"
+
 extern "C" {
 std::atomic<int32_t> videoPreallocFlag{0};
 std::atomic<int32_t> audioPreallocFlag{0};
@@ -54,6 +56,15 @@ uint32_t creation_time(uint32_t epoch_offset) {
 
 extern "C" void free_mp4_h264(mp4_handle *h) {
   if (h == nullptr) return;
+  // A file bound to a data buffer lets go of it first. If the writer thread is
+  // still inside a card write of this file after the bound, the handle stays
+  // allocated (and its file open) for that thread.
+  if (h->dataBuffer != nullptr && !mp4rec::unbind_handle(h->dataBuffer, h)) {
+    mp4rec::abandon(h, __func__,
+                    "mp4 close : a card write of this file has not returned, the file is left "
+                    "open\n");
+    return;
+  }
   if (h->file != nullptr) {
     mp4_fclose(h->file);
     h->file = nullptr;

@@ -412,11 +412,18 @@ extern "C" mp4_handle *mp4_write_head_h264_index(const char *mp4_path, const cha
   audioPreallocFlag.store(info->audio_prealloc == 1 ? 1 : 0, std::memory_order_relaxed);
   audioTimeStampFlag.store(stamps ? 1 : 0, std::memory_order_relaxed);
 
-  // The head's result is kept in writeStatus; a handle is returned either way.
   Sink s{h->file, h->writeStatus};
   s.add(box::write_ftyp(s));
   s.add(mp4_write_moov_init(h->file, h.get(), pos));
   s.add(box::write_free_mdat(s, &h->mdatPos));
+  // A head that did not reach the file fails it: nothing recorded behind it
+  // could ever be read.
+  if (h->writeStatus != 0 || std::fflush(h->file) != 0) {
+    MP4_ERR("mp4 open write head : write head error\n");
+    discard(h->file, mp4_path);
+    discard(h->mp2File, mp2_tmp_path);
+    return nullptr;
+  }
   pos->dataPos = h->mdatPos + 8;
   pos->videoPos[kVChunkOffset] = pos->dataPos;
   return h.release();

@@ -330,7 +330,8 @@ int32_t mp4_write_stsd_tag_update(FILE *file, mp4_handle *h, uint32_t *vpos) {
     return 0;
   }
   if (box::avc_config_size(h->spsLen, h->ppsLen) > kAvcCReserve) {
-    MP4_ERR("mp4 write index : sps and pps do not fit the reserved avcC\n");
+    if (first_time(h, kOnceAvcConfig))
+      MP4_ERR("mp4 write index : sps and pps do not fit the reserved avcC\n");
     return -1;
   }
   // The new avcC (header, record, padding) and the header of the free box

@@ -7,58 +7,77 @@
 
 #include "buffer/data_buffer.h"
 #include "mp4/handle.h"
+#include "mp4/intake.h"
 #include "mp4/nal.h"
 
-using mp4rec::kNalIdr;
-using mp4rec::kNalPicture;
-using mp4rec::kNalPps;
-using mp4rec::kNalSps;
-using mp4rec::NalClass;
+namespace {
 
-extern "C" {
+// Whether `bytes` more would still keep the file below its size limit.
+bool file_has_room(const mp4_handle *handle, uint32_t bytes) {
+  return uint64_t{handle->mdatPos} + 8 + mp4rec::relaxed(handle->mediaBytes) + bytes <=
+         mp4rec::kMaxFileBytes;
+}
 
-int mp4_write_one_h264(unsigned char *data, int length, int timestamp, mp4_handle *handle) {
+// Refuses a frame of a full file: -5, and one line per file saying why.
+int file_full(mp4_handle *handle, const char *message) {
+  if (mp4rec::first_time(handle, mp4rec::kOnceFileFull)) MP4_ERR("%s", message);
+  return -5;
+}
+
+// Releases the handle after a refused unit: the file is first brought to the
+// state a close leaves (every frame already accepted written and indexed),
+// then the data buffer lets go of it, then it is freed.
+int release(mp4_handle *handle, bool *released) {
+  if (handle != nullptr && handle->dataBuffer != nullptr) mp4_sync_data_buffer(handle);
+  free_mp4_h264(handle);
+  *released = true;
+  return -1;
+}
+
+}  // namespace
+
+namespace mp4rec {
+
+int write_one_h264(unsigned char *data, int length, int timestamp, mp4_handle *handle,
+                   bool *released) {
+  *released = false;
   if (handle == nullptr || data == nullptr || handle->file == nullptr || length < 4 ||
       timestamp < 0) {
     MP4_ERR("mp4 write video : param error\n");
-    free_mp4_h264(handle);
-    return -1;
+    return release(handle, released);
   }
-  const int sc = mp4rec::nal_start_code_length(data, length);
+  const int sc = nal_start_code_length(data, length);
   if (sc == 0) {
     MP4_ERR("mp4 write video : h264 nal head error\n");
-    free_mp4_h264(handle);
-    return -1;
+    return release(handle, released);
   }
-  const NalClass nal = mp4rec::classify_nal(data[sc]);
+  const NalClass nal = classify_nal(data[sc]);
   const auto unit_len = static_cast<uint32_t>(length - sc);
   if (nal == kNalSps &&
-      !mp4rec::keep_first_parameter_set(handle->sps, handle->spsLen, data + sc, unit_len)) {
+      !keep_first_parameter_set(handle->sps, handle->spsLen, data + sc, unit_len)) {
     MP4_ERR("mp4 write video : malloc sps space error\n");
-    free_mp4_h264(handle);
-    return -1;
+    return release(handle, released);
   }
   if (nal == kNalPps &&
-      !mp4rec::keep_first_parameter_set(handle->pps, handle->ppsLen, data + sc, unit_len)) {
+      !keep_first_parameter_set(handle->pps, handle->ppsLen, data + sc, unit_len)) {
     MP4_ERR("mp4 write video : malloc pps space\n");
-    free_mp4_h264(handle);
-    return -1;
+    return release(handle, released);
   }
   // Parameter sets, SEI and every other kind of unit never reach mdat.
   if (nal != kNalPicture && nal != kNalIdr) return 0;
 
-  if (mp4rec::relaxed(handle->videoCount) >= handle->maxVideoFrames) {
+  if (relaxed(handle->videoCount) >= handle->maxVideoFrames) {
     MP4_ERR("mp4 write video : frame number out of range\n");
     return -5;
   }
+  // Stored with a 4-byte length in place of the start code, whatever its size.
+  const uint32_t stored = unit_len + 4;
+  if (!file_has_room(handle, stored)) return file_full(handle, "mp4 write video : file is full\n");
   auto *node = static_cast<videoNode *>(std::malloc(sizeof(videoNode)));
   if (node == nullptr) {
     MP4_ERR("mp4 write video : malloc videoNode list space error\n");
-    free_mp4_h264(handle);
-    return -1;
+    return release(handle, released);
   }
-  // Stored with a 4-byte length in place of the start code, whatever its size.
-  const uint32_t stored = unit_len + 4;
   *node = videoNode{nal, stored, static_cast<uint32_t>(timestamp), 0, nullptr};
   if (handle->dataBuffer == nullptr) {
     MP4_ERR("mp4 write video : data buffer is NULL!\n");
@@ -78,6 +97,15 @@ int mp4_write_one_h264(unsigned char *data, int length, int timestamp, mp4_handl
   return 0;
 }
 
+}  // namespace mp4rec
+
+extern "C" {
+
+int mp4_write_one_h264(unsigned char *data, int length, int timestamp, mp4_handle *handle) {
+  bool released = false;
+  return mp4rec::write_one_h264(data, length, timestamp, handle, &released);
+}
+
 int mp4_write_audio_frame_realtime(mp4_handle *handle, unsigned char *data, int size,
                                    int timestamp) {
   if (handle == nullptr || data == nullptr) {
@@ -92,12 +120,14 @@ int mp4_write_audio_frame_realtime(mp4_handle *handle, unsigned char *data, int 
     MP4_ERR("mp4 write audio : frame number out of range\n");
     return -5;
   }
+  const auto bytes = static_cast<uint32_t>(size);
+  if (size >= 0 && !file_has_room(handle, bytes))
+    return file_full(handle, "mp4 write audio : file is full\n");
   auto *node = static_cast<audioNode *>(std::malloc(sizeof(audioNode)));
   if (node == nullptr) {
     MP4_ERR("mp4 write audio : malloc error\n");
     return -1;
   }
-  const auto bytes = static_cast<uint32_t>(size);
   *node = audioNode{bytes, static_cast<uint32_t>(timestamp), 0, nullptr};
   const int r = mp4_write_data_buffer_write_audio_index(handle->dataBuffer, data, node, handle);
   if (r != 0) {

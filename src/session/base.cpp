@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "common/internal.h"
+#include "session/front_end.h"
 #include "session/pre_open.h"
 
 extern "C" {
@@ -54,6 +55,12 @@ bool pre_open_thread_ready() {
 }  // namespace
 
 extern "C" MP4REC_API mp4_base *mp4_base_new(void) {
+  // One pre-open thread per process: while one still runs (a base not freed,
+  // or a thread left in a card write), its locks must not be set up again.
+  if (mp4rec::pre_open_thread_running()) {
+    MP4_ERR("MP4 create open thread error\n");
+    return nullptr;
+  }
   auto *base = static_cast<mp4_base *>(std::malloc(sizeof(mp4_base)));
   if (base == nullptr) {
     MP4_ERR("MP4 alloc session error\n");
@@ -68,6 +75,7 @@ extern "C" MP4REC_API mp4_base *mp4_base_new(void) {
   mp4rec::pre_open_reset_request();
 
   if (pthread_create(&g_mp4_open.thread, nullptr, mp4_write_pre_open_thread, nullptr) != 0) {
+    mp4rec::pre_open_thread_not_started();
     // The base word is not released on this path.
     MP4_ERR("MP4 create open thread error\n");
     return nullptr;
@@ -90,16 +98,10 @@ extern "C" MP4REC_API mp4_base *mp4_base_new(void) {
 extern "C" MP4REC_API int mp4_base_free(mp4_base *base) {
   if (base == nullptr) return 0;
 
-  // A handler still parked in the slot is dropped as it stands.
-  pthread_mutex_lock(&mutex_mp4_open);
-  g_mp4_handler = nullptr;
-  pthread_mutex_unlock(&mutex_mp4_open);
-
-  pthread_mutex_lock(&g_mp4_open.mutex);
-  g_pre_open_thread_status = 0;
-  pthread_cond_signal(&g_mp4_open.cond);
-  pthread_mutex_unlock(&g_mp4_open.mutex);
-  pthread_join(g_mp4_open.thread, nullptr);
+  // A handler still parked in the slot is released (its files closed; the
+  // session's end deletes them). The thread stops within the bound.
+  mp4rec::pre_open_release_parked();
+  mp4rec::pre_open_stop_thread();
 
   if (base->mp4_session != nullptr) {
     mp4_session_free(base->mp4_session);
@@ -159,6 +161,8 @@ extern "C" MP4REC_API mp4_session *mp4_session_pop(mp4_base *base) {
 extern "C" MP4REC_API int mp4_session_free(mp4_session *session) {
   if (session == nullptr) return 0;
   mp4rec::pre_open_forget_session(session);
+  // A handler that a close left after a card error goes with the session.
+  mp4rec::release_kept_handler(session->data_buffer);
   std::free(session->stream_info);
   session->stream_info = nullptr;
   if (session->data_buffer != nullptr && mp4_write_data_buffer_delete(session->data_buffer) == 0)

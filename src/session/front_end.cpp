@@ -6,8 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "buffer/data_buffer.h"
 #include "common/internal.h"
 #include "mp4/alt/mjpeg.h"
+#include "mp4/handle.h"
+#include "mp4/intake.h"
+#include "session/front_end.h"
 #include "session/pre_open.h"
 
 namespace {
@@ -23,14 +27,26 @@ mp4_mjpeg_ctx *jpeg_of(const mp4_handler *handler) {
   return static_cast<mp4_mjpeg_ctx *>(handler->mp4_handle);
 }
 
-// Releases a handler's writer context without finishing its file.
-void release_context(mp4_handler *handler) {
-  if (is_jpeg(handler)) {
-    if (handler->mp4_handle != nullptr) mp4rec::mjpeg_release(jpeg_of(handler));
-  } else {
-    free_mp4(handler->mp4_handle);
+// The data buffer a handler's file is bound to, or null.
+mp4_data_buffer *buffer_of(const mp4_handler *handler) {
+  if (is_jpeg(handler) || handler->mp4_handle == nullptr) return nullptr;
+  return h264_of(handler)->dataBuffer;
+}
+
+// A close that met a card error keeps the handler (the host may still abandon
+// it); the library remembers it with the data buffer, whose session's end or
+// next file releases it.
+void keep(mp4_handler *handler) {
+  if (mp4_data_buffer *data = buffer_of(handler)) {
+    mp4rec::MutexLock lock(data->queue_lock);
+    data->kept_handler = handler;
   }
-  handler->mp4_handle = nullptr;
+}
+void forget(mp4_handler *handler) {
+  if (mp4_data_buffer *data = buffer_of(handler)) {
+    mp4rec::MutexLock lock(data->queue_lock);
+    if (data->kept_handler == handler) data->kept_handler = nullptr;
+  }
 }
 
 // The per-call texts of one frame call. The card's two failure texts are
@@ -74,6 +90,32 @@ constexpr int kAdtsHeader = 7;
 
 }  // namespace
 
+namespace mp4rec {
+
+void release_context(mp4_handler &handler) {
+  if (handler.mp4_handle == nullptr) return;
+  if (is_jpeg(&handler))
+    mjpeg_release(jpeg_of(&handler));
+  else
+    free_mp4(handler.mp4_handle);
+  handler.mp4_handle = nullptr;
+}
+
+void release_kept_handler(mp4_data_buffer *data) {
+  if (data == nullptr) return;
+  mp4_handler *handler = nullptr;
+  {
+    MutexLock lock(data->queue_lock);
+    handler = static_cast<mp4_handler *>(data->kept_handler);
+    data->kept_handler = nullptr;
+  }
+  if (handler == nullptr) return;
+  release_context(*handler);
+  std::free(handler);
+}
+
+}  // namespace mp4rec
+
 extern "C" MP4REC_API int mp4_write_open(mp4_base *base, char *mp4_path_out, char *mp2_tmp_path_out,
                                          mp4_handler **handler_out) {
   // A missing base is refused like a missing result pointer rather than crashed on.
@@ -113,7 +155,7 @@ extern "C" MP4REC_API int mp4_write_open(mp4_base *base, char *mp4_path_out, cha
   // and posts a new pre-open.
   *handler_out = nullptr;
   if (handler != nullptr) {
-    release_context(handler);
+    mp4rec::release_context(*handler);
     std::free(handler);
   }
   if (session != nullptr) {
@@ -128,6 +170,8 @@ extern "C" MP4REC_API int mp4_write_prepare(mp4_session *session, mp4_handler *h
     MP4_ERR("mp4 prepare : param error\n");
     return -1;
   }
+  // A handler that a failed close left with this session's buffer goes now.
+  mp4rec::release_kept_handler(session->data_buffer);
   // An MJPEG file is written straight from the caller's thread; only the H.264
   // road goes through the session's data buffer.
   if (is_jpeg(handler)) return 0;
@@ -144,15 +188,14 @@ extern "C" MP4REC_API int mp4_write_video(unsigned char *data, int length, int t
     MP4_ERR("mp4 write video : param error\n");
     return -1;
   }
-  int result;
-  if (is_jpeg(handler)) {
-    // An abandoned MJPEG handler has no context left to hand on.
-    result = handler->mp4_handle != nullptr
-                 ? mp4_write_one_jpeg(data, length, timestamp, jpeg_of(handler))
-                 : -1;
-  } else {
-    result = mp4_write_one_h264(data, length, timestamp, h264_of(handler));
-  }
+  // A writer that released its context says so: the handler then holds none,
+  // and every later call on it is refused until the close frees it.
+  bool released = false;
+  const int result =
+      is_jpeg(handler)
+          ? mp4rec::mjpeg_write_one(data, length, timestamp, jpeg_of(handler), &released)
+          : mp4rec::write_one_h264(data, length, timestamp, h264_of(handler), &released);
+  if (released) handler->mp4_handle = nullptr;
   return report(__func__, kVideoTexts, result);
 }
 
@@ -165,7 +208,9 @@ extern "C" MP4REC_API int mp4_write_audio(unsigned char *data, int length, int t
   int result = -1;
   if (is_jpeg(handler)) {
     // PCM; its time follows from the amount of samples alone.
-    if (handler->mp4_handle != nullptr) result = mp4_write_pcm_jpeg(data, length, jpeg_of(handler));
+    bool released = false;
+    result = mp4rec::mjpeg_write_pcm(data, length, jpeg_of(handler), &released);
+    if (released) handler->mp4_handle = nullptr;
   } else if (length > kAdtsHeader) {
     unsigned char *payload = data != nullptr ? data + kAdtsHeader : nullptr;
     result =
@@ -187,9 +232,11 @@ extern "C" MP4REC_API int mp4_write_close(mp4_handler *handler) {
     // error the handler and its file stay as they are.
     if (mp4_sync_data_buffer(h264_of(handler)) == -2) {
       MP4_ERR("mp4_sync_data_buffer IO error happened!\n");
+      keep(handler);
       return -1;
     }
     MP4_LOG(mp4rec::kLogProgress, mp4rec::kModRecorder, "close with index in the front\n");
+    forget(handler);
     result = free_mp4(handler->mp4_handle);
   }
   std::free(handler);
@@ -206,6 +253,9 @@ extern "C" MP4REC_API int mp4_write_close_without_end(mp4_handler *handler) {
     result = handler->mp4_handle != nullptr ? 0 : -1;
     if (handler->mp4_handle != nullptr) mp4rec::mjpeg_release(jpeg_of(handler));
   } else {
+    // The writer thread lets go of the file first (a write in progress is
+    // waited for within the bound, queued frames are dropped).
+    forget(handler);
     result = mp4_close_without_end(h264_of(handler));
   }
   // The record itself survives with no context; the host frees it.

@@ -6,18 +6,31 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 
+#include "buffer/stall.h"
 #include "common/internal.h"
 #include "mp4/alt/mjpeg.h"
+#include "session/front_end.h"
 
 namespace {
 
-// A request is flagged as well as signalled (both under the block's mutex), so
-// that a spurious wake-up of the thread never makes a file by itself.
-bool g_request_pending = false;
+// A request is flagged as well as signalled, so that a spurious wake-up of the
+// thread never makes a file by itself, and a request posted while the thread
+// is busy for longer than the bound is seen without the signal.
+std::atomic<bool> g_request_pending{false};
+// Set by mp4_base_free: the thread ends at its next look, even when the
+// base could not take the block's mutex to signal it.
+std::atomic<bool> g_stop{false};
+// Whether the thread has ended, and a wake-up for whoever waits for that.
+std::atomic<bool> g_thread_ended{true};
+mp4rec::Progress g_thread_progress;
+// The session whose file stands in the slot (guarded by mutex_mp4_open).
+const mp4_session *g_parked_for = nullptr;
 
 // The thread's own name in its log lines.
 constexpr const char *kThreadName = "mp4_write_pre_open_thread";
@@ -96,14 +109,23 @@ struct FreeHandler {
 };
 using HandlerPtr = std::unique_ptr<mp4_handler, FreeHandler>;
 
-// Releases the writer context of a handler that is not parked.
-void release_context(mp4_handler &handler) {
-  if (handler.mp4_handle == nullptr) return;
-  if (handler.video_format == mp4rec::kVideoJpeg)
-    mp4rec::mjpeg_release(static_cast<mp4_mjpeg_ctx *>(handler.mp4_handle));
-  else
-    free_mp4(handler.mp4_handle);
-  handler.mp4_handle = nullptr;
+using mp4rec::release_context;
+
+// Waits on the block's condition variable for at most a second: flags set by
+// a caller that could not take the mutex in time are seen without a signal.
+void wait_a_second() {
+  timespec at{};
+  clock_gettime(CLOCK_REALTIME, &at);
+  at.tv_sec += 1;
+  pthread_cond_timedwait(&g_mp4_open.cond, &g_mp4_open.mutex, &at);
+}
+
+// Ends the thread: lets go of the block's mutex and says so.
+void *end_thread() {
+  pthread_mutex_unlock(&g_mp4_open.mutex);
+  g_thread_ended.store(true, std::memory_order_release);
+  g_thread_progress.bump();
+  return nullptr;
 }
 
 // Makes the file of one request; null when the request cannot be served.
@@ -142,7 +164,9 @@ HandlerPtr generate(const Request &req, HandlerPtr handler) {
 
 namespace mp4rec {
 void pre_open_reset_request() {
-  g_request_pending = false;
+  g_request_pending.store(false);
+  g_stop.store(false);
+  g_thread_ended.store(false);
   pthread_mutex_lock(&mutex_mp4_open);
   g_request_withdrawn = false;
   g_serving = nullptr;
@@ -151,6 +175,7 @@ void pre_open_reset_request() {
 }
 
 void pre_open_forget_session(const mp4_session *session) {
+  HandlerPtr parked;
   pthread_mutex_lock(&mutex_mp4_open);
   if (g_mp4_session == session) {
     g_mp4_session = nullptr;
@@ -162,8 +187,60 @@ void pre_open_forget_session(const mp4_session *session) {
     g_serving = nullptr;
     g_serving_cancelled = true;
   }
+  // A file parked for this session goes with it (the session deletes its
+  // files); it can never be handed to the next session.
+  if (g_mp4_handler != nullptr && g_parked_for == session) {
+    parked.reset(g_mp4_handler);
+    g_mp4_handler = nullptr;
+    g_parked_for = nullptr;
+  }
   pthread_mutex_unlock(&mutex_mp4_open);
+  if (parked != nullptr) release_context(*parked);
 }
+
+void pre_open_release_parked() {
+  pthread_mutex_lock(&mutex_mp4_open);
+  HandlerPtr parked(g_mp4_handler);
+  g_mp4_handler = nullptr;
+  g_parked_for = nullptr;
+  pthread_mutex_unlock(&mutex_mp4_open);
+  if (parked != nullptr) release_context(*parked);
+}
+
+bool pre_open_stop_thread() {
+  // The thread holds the block's mutex for as long as it makes a file; a head
+  // write that never returns must not hold the base's end.
+  const int64_t deadline = monotonic_ms() + stall_bound_ms();
+  g_stop.store(true);
+  if (lock_until(g_mp4_open.mutex, deadline)) {
+    g_pre_open_thread_status = 0;
+    pthread_cond_signal(&g_mp4_open.cond);
+    pthread_mutex_unlock(&g_mp4_open.mutex);
+  }
+  for (;;) {
+    const uint64_t seen = g_thread_progress.seen();
+    if (g_thread_ended.load(std::memory_order_acquire)) break;
+    if (!g_thread_progress.wait(seen, deadline) &&
+        !g_thread_ended.load(std::memory_order_acquire)) {
+      pthread_detach(g_mp4_open.thread);
+      abandon(&g_mp4_open, "mp4_base_free",
+              "mp4_base_free: a card write of the pre-open thread has not returned, the thread is "
+              "left behind\n");
+      return false;
+    }
+  }
+  pthread_join(g_mp4_open.thread, nullptr);
+  return true;
+}
+
+void pre_open_thread_not_started() {
+  g_thread_ended.store(true, std::memory_order_release);
+}
+
+bool pre_open_thread_running() {
+  return !g_thread_ended.load(std::memory_order_acquire);
+}
+
 }  // namespace mp4rec
 
 extern "C" MP4REC_API void *mp4_write_pre_open_thread(void * /*unused*/) {
@@ -172,20 +249,16 @@ extern "C" MP4REC_API void *mp4_write_pre_open_thread(void * /*unused*/) {
   pthread_mutex_lock(&g_mp4_open.mutex);
   g_mp4_open.ready = 1;
   for (;;) {
-    do {
-      pthread_cond_wait(&g_mp4_open.cond, &g_mp4_open.mutex);
-    } while (!g_request_pending && g_pre_open_thread_status != 0);
-    if (g_pre_open_thread_status == 0) {
-      pthread_mutex_unlock(&g_mp4_open.mutex);
-      return nullptr;
-    }
-    g_request_pending = false;
+    while (!g_request_pending.load() && g_pre_open_thread_status != 0 && !g_stop.load())
+      wait_a_second();
+    if (g_pre_open_thread_status == 0 || g_stop.load()) return end_thread();
+    g_request_pending.store(false);
 
     HandlerPtr handler{static_cast<mp4_handler *>(std::malloc(sizeof(mp4_handler)))};
     if (handler == nullptr) {
-      // The thread ends still holding the block's mutex: later requests block.
+      // That request is dropped; the thread waits for the next one.
       MP4_ERR("mp4 open : info struct error\n");
-      return nullptr;
+      continue;
     }
     Request req;
     if (!take_request(req)) continue;  // its session is gone: nothing to make
@@ -199,7 +272,10 @@ extern "C" MP4REC_API void *mp4_write_pre_open_thread(void * /*unused*/) {
           req.session->stream_info != nullptr)
         req.session->stream_info->record_duration = req.info_copy.record_duration;
       // A handler that was never taken is replaced as it stands.
-      if (handler != nullptr) g_mp4_handler = handler.release();
+      if (handler != nullptr) {
+        g_mp4_handler = handler.release();
+        g_parked_for = req.session;
+      }
     }
     g_serving = nullptr;
     g_serving_cancelled = false;
@@ -231,11 +307,16 @@ extern "C" MP4REC_API int mp4_pre_open_start(mp4_session *session, char *mp4_pat
   pthread_mutex_unlock(&mutex_mp4_open);
 
   // The thread holds the block's mutex while it works, so this waits until it
-  // waits again: the request is never lost.
-  pthread_mutex_lock(&g_mp4_open.mutex);
-  g_request_pending = true;
-  pthread_cond_signal(&g_mp4_open.cond);
-  pthread_mutex_unlock(&g_mp4_open.mutex);
+  // waits again. A thread busy for longer than the bound is not waited for: it
+  // finds the flag when it comes back (it looks at least once a second), so
+  // the request is never lost.
+  if (mp4rec::lock_until(g_mp4_open.mutex, mp4rec::monotonic_ms() + mp4rec::stall_bound_ms())) {
+    g_request_pending.store(true);
+    pthread_cond_signal(&g_mp4_open.cond);
+    pthread_mutex_unlock(&g_mp4_open.mutex);
+  } else {
+    g_request_pending.store(true);
+  }
   return 0;
 }
 
@@ -243,6 +324,7 @@ extern "C" MP4REC_API mp4_handler *mp4_pre_open_get(void) {
   pthread_mutex_lock(&mutex_mp4_open);
   mp4_handler *handler = g_mp4_handler;
   g_mp4_handler = nullptr;
+  g_parked_for = nullptr;
   pthread_mutex_unlock(&mutex_mp4_open);
   return handler;
 }
@@ -251,6 +333,7 @@ extern "C" MP4REC_API int mp4_pre_open_init(void) {
   // Empties the slot; a handler standing there is not released.
   pthread_mutex_lock(&mutex_mp4_open);
   g_mp4_handler = nullptr;
+  g_parked_for = nullptr;
   pthread_mutex_unlock(&mutex_mp4_open);
   return 0;
 }

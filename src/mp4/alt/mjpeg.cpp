@@ -15,6 +15,30 @@ namespace {
 
 constexpr int kMjpegSampleRate = 16000;
 constexpr int kMjpegBitrate = 64000;
+// Bytes of one MP2 frame at that rate (1152 samples), with its padding byte.
+constexpr uint64_t kMjpegMp2FrameBytes = 144 * kMjpegBitrate / kMjpegSampleRate + 1;
+
+// Whether the finished file still stays below its size limit with `picture`
+// more picture bytes and `frames` more MP2 frames: pictures and the side
+// file's audio run in mdat, then the index (1091 + 12 n + 4 m bytes).
+bool file_has_room(mp4_mjpeg_ctx *ctx, uint64_t picture, uint64_t frames) {
+  const int side = ctx->mp2File != nullptr ? mp4_ftell(ctx->mp2File) : 0;
+  const uint64_t audio_frames = (side > 0 ? side / kMjpegMp2FrameBytes + 1 : 0) + frames;
+  const uint64_t pictures = ctx->videoCount + (picture > 0 ? 1 : 0);
+  const uint64_t end = uint64_t{ctx->mdatPos} + 8 + ctx->mediaBytes + picture +
+                       (side > 0 ? side : 0) + frames * kMjpegMp2FrameBytes + 1091 + 12 * pictures +
+                       4 * audio_frames;
+  return end <= kMaxFileBytes;
+}
+
+// Refuses what a full file cannot take: -5, and one line per file.
+int file_full(mp4_mjpeg_ctx *ctx, const char *function, const char *message) {
+  if (ctx->fullLogged == 0) {
+    ctx->fullLogged = 1;
+    MP4_LOG_AS(function, kLogError, kModRecorder, "%s", message);
+  }
+  return -5;
+}
 
 // Appends at the tail: next cleared, count raised.
 template <typename Node>
@@ -96,63 +120,86 @@ extern "C" mp4_mjpeg_ctx *mp4_write_head_jpeg(const char *mp4_path, const char *
     mjpeg_release(ctx);
     return nullptr;
   }
-  // A failed head write does not fail the call: it stays in writeStatus and
-  // fails the end step.
+  // A head that did not reach the file fails the call: a recording into it
+  // could never be read.
   mp4rec::box::Sink s{ctx->file, ctx->writeStatus};
   s.add(mp4rec::alt::write_head(s, *ctx));
+  if (ctx->writeStatus != 0 || std::fflush(ctx->file) != 0) {
+    mjpeg_release(ctx);
+    return nullptr;
+  }
   return ctx;
 }
 
-extern "C" int mp4_write_one_jpeg(unsigned char *data, int length, int timestamp,
-                                  mp4_mjpeg_ctx *ctx) {
+namespace mp4rec {
+
+int mjpeg_write_one(unsigned char *data, int length, int timestamp, mp4_mjpeg_ctx *ctx,
+                    bool *released) {
+  *released = false;
   if (ctx == nullptr) return -1;  // e.g. an abandoned handler: nothing to release
-  if (data == nullptr || ctx->file == nullptr || length < 1 || timestamp < 0) {
+  const auto release = [&] {
     mjpeg_release(ctx);
+    *released = true;
     return -1;
-  }
+  };
+  if (data == nullptr || ctx->file == nullptr || length < 1 || timestamp < 0) return release();
   const std::span<const uint8_t> bytes(data, static_cast<size_t>(length));
-  const auto found = mp4rec::find_jpeg_picture(bytes);
-  if (found.result == mp4rec::JpegScan::kNoStart) {
-    mjpeg_release(ctx);
-    return -1;
-  }
-  if (found.result == mp4rec::JpegScan::kNoEnd) return 0;  // dropped: nothing written or counted
+  const auto found = find_jpeg_picture(bytes);
+  if (found.result == JpegScan::kNoStart) return release();
+  if (found.result == JpegScan::kNoEnd) return 0;  // dropped: nothing written or counted
+  if (!file_has_room(ctx, found.span.size, 0))
+    return file_full(ctx, "mp4_write_one_jpeg", "mp4 write video : file is full\n");
 
   auto *node = static_cast<jpegNode *>(std::malloc(sizeof(jpegNode)));
-  if (node == nullptr) {
-    mjpeg_release(ctx);
-    return -1;
-  }
+  if (node == nullptr) return release();
   node->size = static_cast<uint32_t>(found.span.size);
   node->timeStamp = static_cast<uint32_t>(timestamp);
-  mp4rec::append_node(ctx->videoHead, ctx->videoTail, ctx->videoCount, node);
+  append_node(ctx->videoHead, ctx->videoTail, ctx->videoCount, node);
   // A failed write shows at the end; the picture is counted either way.
-  mp4rec::box::Sink s{ctx->file, ctx->writeStatus};
+  box::Sink s{ctx->file, ctx->writeStatus};
   s.add(mp4_put_buffer(ctx->file, data + found.span.start, node->size));
   ctx->mediaBytes += node->size;
   return 0;
 }
 
-extern "C" int mp4_write_pcm_jpeg(unsigned char *data, int length, mp4_mjpeg_ctx *ctx) {
+int mjpeg_write_pcm(unsigned char *data, int length, mp4_mjpeg_ctx *ctx, bool *released) {
+  *released = false;
   if (ctx == nullptr) return -1;
-  const int block = ctx->audioFormat == 1 ? mp4rec::kPcm8BlockBytes : mp4rec::kPcm16BlockBytes;
+  const int block = ctx->audioFormat == 1 ? kPcm8BlockBytes : kPcm16BlockBytes;
   if (data == nullptr || ctx->mp2File == nullptr || length < 1 || length % block != 0) {
     mjpeg_release(ctx);
+    *released = true;
     return -1;
   }
+  if (!file_has_room(ctx, 0, static_cast<uint64_t>(length / block)))
+    return file_full(ctx, "mp4_write_pcm_jpeg", "mp4 write audio : file is full\n");
   const int r = ctx->audioFormat == 1
                     ? mp4_pcm_to_mp2(ctx->mp2File, data, length, ctx->mp2Encoder)
                     : mp4_pcm_to_mp2_2(ctx->mp2File, data, length, ctx->mp2Encoder);
   if (r != -1) return 0;
   if (ctx->audioFormat == 1) {
     mjpeg_release(ctx);
+    *released = true;
     return -1;
   }
   // 16-bit input: streams, lists and encoder go, the record stays allocated in
   // an empty state. The caller's close (mp4_write_end_jpeg) or abandon then
   // frees it without touching anything else.
-  mp4rec::release_contents(ctx);
+  release_contents(ctx);
   return -1;
+}
+
+}  // namespace mp4rec
+
+extern "C" int mp4_write_one_jpeg(unsigned char *data, int length, int timestamp,
+                                  mp4_mjpeg_ctx *ctx) {
+  bool released = false;
+  return mp4rec::mjpeg_write_one(data, length, timestamp, ctx, &released);
+}
+
+extern "C" int mp4_write_pcm_jpeg(unsigned char *data, int length, mp4_mjpeg_ctx *ctx) {
+  bool released = false;
+  return mp4rec::mjpeg_write_pcm(data, length, ctx, &released);
 }
 
 extern "C" int mp4_write_end_jpeg(mp4_mjpeg_ctx *ctx) {

@@ -53,6 +53,8 @@ struct mp4_mjpeg_ctx {
   uint32_t audioFormat;        // 1 (8-bit PCM) or 2 (16-bit PCM)
   void *mp2Encoder;            // 16000 Hz, 64 kbit/s, mono
   int32_t writeStatus;         // error sum of every write, seek and size patch
+  // Beyond the record above: whether the file-full refusal was logged.
+  uint32_t fullLogged;
 };
 
 namespace mp4rec {
@@ -101,5 +103,12 @@ constexpr JpegFound find_jpeg_picture(std::span<const uint8_t> bytes) {
 // Closes both streams, frees the picture and MP2 lists, closes the encoder and
 // frees the record. Also the release of an abandoned MJPEG recording.
 void mjpeg_release(mp4_mjpeg_ctx *ctx);
+
+// mp4_write_one_jpeg and mp4_write_pcm_jpeg, telling the caller whether the
+// context was released (it is gone then). A picture or block that would take
+// the finished file past kMaxFileBytes is refused with -5.
+int mjpeg_write_one(unsigned char *data, int length, int timestamp, mp4_mjpeg_ctx *ctx,
+                    bool *released);
+int mjpeg_write_pcm(unsigned char *data, int length, mp4_mjpeg_ctx *ctx, bool *released);
 
 }  // namespace mp4rec
