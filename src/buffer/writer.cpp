@@ -99,6 +99,10 @@ int DataBuffer_fwrite(mp4_buffer_node *node, FILE *file, int media_type) {
   if (node == nullptr || file == nullptr || node->data_len == 0) return 0;
   uint32_t written = 0;
   int tries = 0;
+  // After a failed write a buffered stream may count bytes that never reached
+  // the file (they were lost with its buffer): a retry resumes from where the
+  // file really ends, never behind a hole.
+  const long start = std::ftell(file);
   // errno is deliberately not cleared: whatever it holds takes part in the
   // checks below as it stands.
   for (;;) {
@@ -119,6 +123,9 @@ int DataBuffer_fwrite(mp4_buffer_node *node, FILE *file, int media_type) {
       return -2;
     }
     if (r > 0) written += static_cast<uint32_t>(r);
+    const long at = std::ftell(file);
+    if (start >= 0 && at >= start && at - start < static_cast<long>(written))
+      written = static_cast<uint32_t>(at - start);
   }
 }
 

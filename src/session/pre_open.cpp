@@ -233,6 +233,13 @@ bool pre_open_stop_thread() {
   return true;
 }
 
+bool pre_open_busy() {
+  if (g_request_pending.load()) return true;
+  if (pthread_mutex_trylock(&g_mp4_open.mutex) != 0) return true;
+  pthread_mutex_unlock(&g_mp4_open.mutex);
+  return g_request_pending.load();
+}
+
 void pre_open_thread_not_started() {
   g_thread_ended.store(true, std::memory_order_release);
 }

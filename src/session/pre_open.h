@@ -17,6 +17,9 @@ inline constexpr uint32_t kVideoH264 = 2;  // H.264, index reserved in front
 void pre_open_reset_request();
 void pre_open_thread_not_started();
 
+// Whether a request is posted and not yet served, or a file is being made.
+bool pre_open_busy();
+
 // Whether a pre-open thread is still running (the base's, or one left behind
 // in a card write by mp4_base_free).
 bool pre_open_thread_running();

@@ -317,9 +317,12 @@ TEST(IndexUpdate, OversizedParameterSetsAreRefusedWithoutOverwritingTheTables) {
   auto batch = video_batch({0, 40}, 10);
   EXPECT_NE(rec.flush(1, batch), 0);
   EXPECT_TRUE(log.has("mp4 write index : write video stsd error\n", 3, 37)) << log.dump();
+  auto again = video_batch({80}, 10);
+  EXPECT_NE(rec.flush(1, again), 0);  // refused again, said once per file
+  EXPECT_EQ(log.count("mp4 write index : sps and pps do not fit the reserved avcC\n"), 1);
   const BoxFile f = rec.read();
   EXPECT_EQ(f.at(std::string(kV) + "stsd/avc1/avcC").size, 15u);
-  EXPECT_EQ(f.stts(f.at(std::string(kV) + "stts")), (Entries{{1, 40}, {1, 50}}));
+  EXPECT_EQ(f.stts(f.at(std::string(kV) + "stts")), (Entries{{1, 40}, {1, 40}, {1, 50}}));
 }
 
 TEST(IndexUpdate, OtherTracksPatchOnlyMdatAndMvhd) {

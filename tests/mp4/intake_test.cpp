@@ -128,6 +128,24 @@ TEST(Intake, FullTablesRefuseWithMinusFiveAndKeepTheHandle) {
   EXPECT_EQ(mp4_sync_data_buffer(rec.handle), 0);
 }
 
+// Positions are signed 32-bit: a frame that would take the file past 2 GiB is
+// refused with -5 (the handle kept), and the log says why once per file.
+TEST(Intake, AFrameThatWouldCrossTwoGiBIsRefused) {
+  Recording rec;
+  ASSERT_NE(rec.handle, nullptr);
+  // 100 bytes of room left (the bytes are only counted, never buffered).
+  rec.handle->mediaBytes.store(
+      static_cast<uint32_t>(mp4rec::kMaxFileBytes - (rec.handle->mdatPos + 8) - 100));
+  LogCapture log;
+  EXPECT_EQ(feed(rec.handle, unit(4, 0x41, 90)), 0);  // 95 bytes stored
+  EXPECT_EQ(feed(rec.handle, unit(4, 0x41, 2)), -5);  // 7 more do not fit
+  Bytes frame(6, 1);
+  EXPECT_EQ(mp4_write_audio_frame_realtime(rec.handle, frame.data(), 6, 0), -5);
+  EXPECT_EQ(mp4_write_audio_frame_realtime(rec.handle, frame.data(), 5, 0), 0);  // exactly full
+  EXPECT_EQ(log.count("mp4 write video : file is full\n"), 1) << log.dump();
+  EXPECT_FALSE(log.has("mp4 write audio : file is full\n"));
+}
+
 // Without a data buffer, or when the buffer refuses, the handle stays.
 TEST(Intake, MissingOrRefusingBufferKeepsTheHandle) {
   Bytes frame(10, 1);

@@ -259,6 +259,21 @@ TEST(MjpegFile, RefusedInputReleasesTheContext) {
   }
 }
 
+// The finished file (pictures, the side file's audio and the index) must stay
+// below 2 GiB: what would cross it is refused with -5, the context kept.
+TEST(MjpegFile, WhatWouldCrossTwoGiBIsRefused) {
+  Recording r(2);
+  ASSERT_NE(r.ctx, nullptr);
+  ASSERT_EQ(r.video(picture(8), 0), 0);
+  ASSERT_EQ(r.pcm(Bytes(2304)), 0);
+  r.ctx->mediaBytes = static_cast<uint32_t>(mp4rec::kMaxFileBytes - 48 - 4000);
+  EXPECT_EQ(r.video(picture(4000), 40), -5);
+  EXPECT_EQ(r.pcm(Bytes(2304 * 8)), -5);
+  EXPECT_EQ(r.video(picture(100), 80), 0);
+  r.ctx->mediaBytes = 12 + 104;  // what really went in: the end step writes a good file
+  EXPECT_EQ(mp4_write_end_jpeg(r.ctx), 0);
+}
+
 TEST(MjpegFile, NullContextIsRefused) {
   Bytes pic = picture(4);
   EXPECT_EQ(mp4_write_one_jpeg(pic.data(), static_cast<int>(pic.size()), 0, nullptr), -1);

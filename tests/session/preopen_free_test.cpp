@@ -139,6 +139,22 @@ TEST(PreOpenFree, PlanOfZeroStillReadsSixHundredAfterTheHead) {
   mp4_base_free(base);
 }
 
+// A file parked for a session that is freed unopened goes with it: the next
+// session's open can never be handed that (deleted) file.
+TEST(PreOpenFree, AFileParkedForAFreedSessionGoesWithIt) {
+  TempDir dir;
+  mp4_base *base = mp4_base_new();
+  ASSERT_NE(base, nullptr);
+  mp4_session *a = new_session(dir.file("a.mp4"), dir.file("a.mp2"));
+  ASSERT_EQ(mp4_write_pre_open(base, a, 320, 240, 2, 3), 0);
+  ASSERT_TRUE(eventually(slot_filled));
+  EXPECT_EQ(mp4_session_pop(base), a);
+  EXPECT_EQ(mp4_session_free(a), 0);
+  EXPECT_FALSE(slot_filled());
+  EXPECT_EQ(files_in(dir), 0u);
+  mp4_base_free(base);
+}
+
 // Many rounds of posting and opening at once, so the open's try-lock meets the
 // thread before it took the request, while it makes the head and after it
 // parked it. Every round ends with the session freed; nothing may be left.

@@ -7,12 +7,14 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "common/internal.h"
+#include "session/pre_open.h"
 #include "support/media.h"
 
 namespace sessiontest {
@@ -52,7 +54,8 @@ struct Opened {
 };
 inline Opened open_when_ready(mp4_base *base) {
   Opened o;
-  if (!eventually(slot_filled)) return o;
+  // A file that could not be made leaves the slot empty: open then says so.
+  if (!eventually([] { return slot_filled() || !mp4rec::pre_open_busy(); })) return o;
   char mp4_path[256] = {};
   char mp2_path[256] = {};
   for (int i = 0; i < 2000; ++i) {
@@ -75,6 +78,34 @@ inline mp4_session *new_session(const std::string &mp4_path, const std::string &
     s->stream_info->audio_sample_rate = 16000;
   }
   return s;
+}
+
+// A session for `dir/name.mp4` posted on `base` and its prepared file opened;
+// `opened.rc` is 0 on success. The session stays attached to the base.
+struct OpenFile {
+  mp4_session *session = nullptr;
+  Opened opened;
+};
+inline OpenFile post_and_open(mp4_base *base, const testsupport::TempDir &dir,
+                              const std::string &name, int video_format, int audio_format,
+                              int frame_rate = 25, uint32_t seconds = 60) {
+  OpenFile f;
+  f.session = new_session(dir.file(name + ".mp4"), dir.file(name + ".mp2"), frame_rate, seconds);
+  if (f.session == nullptr ||
+      mp4_write_pre_open(base, f.session, 320, 240, video_format, audio_format) != 0)
+    return f;
+  f.opened = open_when_ready(base);
+  return f;
+}
+
+// Ends a file as the host does: the recording moved to `keep` (if given and
+// there), the session popped and freed (a failed open has freed it already).
+inline void end_file(mp4_base *base, OpenFile &f, const std::string &keep = "") {
+  if (!keep.empty() && exists(f.opened.mp4_path))
+    std::rename(f.opened.mp4_path.c_str(), keep.c_str());
+  if (f.session != nullptr && base->mp4_session == f.session)
+    mp4_session_free(mp4_session_pop(base));
+  f.session = nullptr;
 }
 
 // One access unit as an encoder hands it over: its NAL units back to back.
