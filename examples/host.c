@@ -86,9 +86,12 @@ int main(int argc, char **argv) {
       v = end;
     }
   }
-  if (mp4_write_close(handler) != 0) r = -1; /* drains the buffer, completes the index */
-
-  if (r == 0 && rename(part, argv[1]) != 0) r = -1;
+  /* Whatever a frame call answered, the close is the next step: it drains the
+     buffer and completes the index. After a card error it answers -1 and the
+     file stays as it stood at its last batch; freeing the session releases
+     what the library kept of it. Either way the recording is kept. */
+  if (mp4_write_close(handler) != 0) r = -1;
+  if (rename(part, argv[1]) != 0) r = -1;
   mp4_session_free(mp4_session_pop(base)); /* deletes the side file */
   mp4_base_free(base);
   free(video);

@@ -154,7 +154,9 @@ MP4REC_API int mp4_pre_open_init(void);
 MP4REC_API void *mp4_write_pre_open_thread(void *unused);
 
 /* ------------------------------------------------------------------------ */
-/* Recording front end                                                       */
+/* Recording front end. Whatever a frame call answered, mp4_write_close is    */
+/* the next step; a -1 from it after a card error leaves the handler with    */
+/* the library, which releases it when the session is freed (README).       */
 /* ------------------------------------------------------------------------ */
 MP4REC_API int mp4_write_open(mp4_base *base, char *mp4_path_out, char *mp2_tmp_path_out,
                               mp4_handler **handler_out);

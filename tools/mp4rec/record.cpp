@@ -220,7 +220,7 @@ class Recorder {
       } catch (const WriteFailure &) {
       }
     }
-    if (!io_failed_ && !handle_lost_) discard_spare();
+    discard_spare();
     if (base_) mp4_base_free(base_);
     base_ = nullptr;
   }
@@ -425,32 +425,27 @@ class Recorder {
     }
   }
 
+  // Whatever the frame calls answered, the close is the next step, and the
+  // session's end after it: a close that meets a card error answers -1, and
+  // the library keeps the file as it stood at its last batch until the
+  // session is freed.
   void close_current() {
     if (!cur_.handler) return;
     mp4_handler *h = cur_.handler;
     cur_.handler = nullptr;
-    bool playable = true;
-    if (handle_lost_) {
-      // The library released the writer context with its -1: nothing to close.
-      playable = false;
-    } else if (io_failed_) {
-      // The data buffer is in its error state: the index holds what reached the card.
-      mp4_write_close_without_end(h);
-      playable = false;
-    } else if (guarded([&] { return mp4_write_close(h); }) != 0) {
+    const bool closed = guarded([&] { return mp4_write_close(h); }) == 0;
+    // A file whose writer let go of it after a refused frame was drained first.
+    const bool complete = closed || handle_lost_;
+    const bool newly_failed = !complete && !io_failed_;
+    if (newly_failed) {
       ++io_errors_;
       io_failed_ = true;
-      mp4_write_close_without_end(h);
-      keep_file(cur_, false);
-      cur_.session = nullptr;  // see below
-      throw WriteFailure("closing " + cur_.tmp_mp4 + " failed (the card may be full)");
     }
-    keep_file(cur_, playable);
-    // After a card error the data buffer's writer thread may hold its queue
-    // for good, and deleting the buffer would wait for it: that session is
-    // left to the end of the process.
-    if (!io_failed_) mp4_session_free(cur_.session);
+    keep_file(cur_, complete);
+    mp4_session_free(cur_.session);
     cur_.session = nullptr;
+    if (newly_failed)
+      throw WriteFailure("closing " + cur_.tmp_mp4 + " failed (the card may be full)");
   }
 
   void discard_spare() {
@@ -468,9 +463,10 @@ class Recorder {
         .count();
   }
 
-  // A card error can leave the data buffer's writer thread holding its queue
-  // for good; a frame or close call then never returns. The watchdog gives
-  // the current file its name and ends the process.
+  // The library bounds its waits on the card, but an MJPEG picture is written
+  // from the caller's thread: a card write that never returns would hold the
+  // tool for good. The watchdog gives the current file its name and ends the
+  // process.
   void watchdog() {
     std::unique_lock<std::mutex> lock(watch_mutex_);
     while (!watch_cv_.wait_for(lock, std::chrono::milliseconds(500), [&] { return watch_stop_; })) {
@@ -480,8 +476,8 @@ class Recorder {
       if (!watch_from_.empty() && std::rename(watch_from_.c_str(), watch_to_.c_str()) == 0)
         where = watch_to_;
       std::fprintf(stderr,
-                   "mp4rec: the library has not returned for %lld s, its writer stopped by a "
-                   "card error (the card may be full); %s keeps its index as of the last batch\n",
+                   "mp4rec: the library has not returned for %lld s, a card write never came "
+                   "back; %s keeps its index as of the last batch\n",
                    kStuckMs / 1000, where.c_str());
       std::fflush(stdout);
       std::_Exit(1);
