@@ -5,12 +5,13 @@
 # ThreadSanitizer, and everything cross-built for the cameras' 32-bit MIPS
 # under qemu (scripts/test-target.sh). After the plain run, every validator of
 # scripts/validate.sh (which installs what it needs) checks a closed and a cut
-# recording.
+# recording. Last, the fuzz targets (clang's libFuzzer, with ASan + UBSan) each
+# run for a fixed number of inputs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake pkg-config libavcodec-dev libavformat-dev libavutil-dev ffmpeg
-          libgtest-dev libgmock-dev libbenchmark-dev
+          libgtest-dev libgmock-dev libbenchmark-dev clang
           gstreamer1.0-tools gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good
           gstreamer1.0-libav)
 ./scripts/install-deps.sh "${packages[@]}"
@@ -48,3 +49,10 @@ cmake --build build-tsan -j "$jobs" >/dev/null
 # The cameras' processor; the plain build's tool records the reference files
 # of the byte-identity test.
 ./scripts/test-target.sh build
+
+echo "== build-fuzz"
+cmake -S . -B build-fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMP4REC_SANITIZE=address,undefined -DMP4REC_BUILD_FUZZ=ON \
+  -DMP4REC_BUILD_TESTS=OFF -DMP4REC_BUILD_TOOLS=OFF -DMP4REC_BUILD_BENCH=OFF >/dev/null
+cmake --build build-fuzz -j "$jobs" --target fuzz >/dev/null
+tests/fuzz/run.sh build-fuzz 20000
