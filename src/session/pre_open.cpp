@@ -28,7 +28,9 @@ std::atomic<bool> g_request_pending{false};
 std::atomic<bool> g_stop{false};
 // Whether the thread has ended, and a wake-up for whoever waits for that.
 std::atomic<bool> g_thread_ended{true};
-mp4rec::Progress g_thread_progress;
+// Never destroyed: a thread left behind in a card write may still raise it
+// while the process ends.
+mp4rec::Progress &g_thread_progress = *new mp4rec::Progress;
 // The session whose file stands in the slot (guarded by mutex_mp4_open).
 const mp4_session *g_parked_for = nullptr;
 
