@@ -99,9 +99,11 @@ int DataBuffer_fwrite(mp4_buffer_node *node, FILE *file, int media_type) {
   if (node == nullptr || file == nullptr || node->data_len == 0) return 0;
   uint32_t written = 0;
   int tries = 0;
-  // After a failed write a buffered stream may count bytes that never reached
-  // the file (they were lost with its buffer): a retry resumes from where the
-  // file really ends, never behind a hole.
+  // The node's bytes are flushed before its index is touched, so that an index
+  // entry never names bytes still waiting in the stream's buffer. After a
+  // failed write a buffered stream may count bytes that never reached the file
+  // (they were lost with its buffer): a retry resumes from where the file
+  // really ends, never behind a hole.
   const long start = std::ftell(file);
   // errno is deliberately not cleared: whatever it holds takes part in the
   // checks below as it stands.
@@ -112,7 +114,8 @@ int DataBuffer_fwrite(mp4_buffer_node *node, FILE *file, int media_type) {
       MP4_ERR("ferror, stop writing! error:%s\n", std::strerror(errno));
       return -2;
     }
-    if (static_cast<uint32_t>(r) == n) return update_index(node, media_type) ? 0 : -2;
+    if (static_cast<uint32_t>(r) == n && std::fflush(file) == 0)
+      return update_index(node, media_type) ? 0 : -2;
     if (errno == EBADF) {
       MP4_LOG38(kLogError, "[%d] ret:%d error(%d):%s\n\n", r, errno, std::strerror(errno));
       return -2;
