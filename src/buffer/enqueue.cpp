@@ -89,6 +89,17 @@ void split_video(mp4_data_buffer *data, mp4_buffer_node *node, mp4_buffer_node *
   next->data_len += size - room;
 }
 
+// Makes a frame the first of a node: its bytes and its index record.
+void start_video_node(mp4_buffer_node *node, const uint8_t *payload, videoNode *vnode,
+                      mp4_handle *handle, uint32_t size) {
+  node->write_pos = 0;
+  node->data_len = 0;
+  append_video(node, payload, size);
+  node->frame_count = 0;
+  node->mp4 = handle;
+  DataBuffer_NalistInsert(vnode, node);
+}
+
 // Waits (15 looks, 200 ms apart, as for a free node) until no other video
 // node holds grown storage. 0, or the refusal's code.
 int await_no_grown_node(mp4_data_buffer *data) {
@@ -129,12 +140,7 @@ int put_grown_video(mp4_data_buffer *data, const uint8_t *payload, videoNode *vn
   node->own_buf = node->buf;
   node->buf = storage;
   data->grown_nodes.fetch_add(1, std::memory_order_relaxed);
-  node->write_pos = 0;
-  node->data_len = 0;
-  append_video(node, payload, size);
-  node->frame_count = 0;
-  node->mp4 = handle;
-  DataBuffer_NalistInsert(vnode, node);
+  start_video_node(node, payload, vnode, handle, size);
   hand_over(data, node);
   return 0;
 }
@@ -218,12 +224,7 @@ int mp4_write_data_buffer_write_video_index(mp4_data_buffer *data, unsigned char
   node->mp4 = handle;
   hand_over(data, node);
   if (next == nullptr) return refusal(data);
-  next->write_pos = 0;
-  next->data_len = 0;
-  append_video(next, payload, size);
-  next->frame_count = 0;
-  next->mp4 = handle;
-  DataBuffer_NalistInsert(vnode, next);
+  start_video_node(next, payload, vnode, handle, size);
   return 0;
 }
 

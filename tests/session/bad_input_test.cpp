@@ -29,15 +29,6 @@ struct BadInput {
   bool released;                // the writer lets go of the file
 };
 
-// A non-IDR slice of `size` bytes (4-byte start code).
-Bytes slice(size_t size) {
-  Bytes b(size, 0x5A);
-  b[0] = b[1] = b[2] = 0;
-  b[3] = 1;
-  b[4] = 0x41;
-  return b;
-}
-
 int video(Bytes b, int ts, mp4_handler *h) {
   return mp4_write_video(b.data(), static_cast<int>(b.size()), ts, h);
 }

@@ -212,18 +212,24 @@ TEST(CardFault, EveryWriteFailingOnceOrForGood) {
   mp4_base_free(base);
 }
 
+// A base on a simulated card whose stuck writes are given up after one second.
+class StuckCard : public testing::Test {
+ protected:
+  StuckCard() { mp4rec::set_stall_bound_ms(1000); }
+  ~StuckCard() override { mp4rec::set_stall_bound_ms(0); }
+  void SetUp() override { ASSERT_NE(base, nullptr); }
+  TempDir dir;
+  testsupport::LogCapture log;
+  SimCard card;
+  mp4_base *base = mp4_base_new();
+};
+
 // A card write that never returns: the frame calls answer busy, the close gives
 // up with -1, the abandon leaves the file to the writer thread and the
 // session's end leaves the thread behind, each within its bound; the file
 // holds what was committed before.
-TEST(CardFault, AWriteThatNeverReturns) {
+TEST_F(StuckCard, AWriteThatNeverReturns) {
   const Media m = load_media(640, 480, 25, 4.0);  // more video than the buffer holds
-  TempDir dir;
-  testsupport::LogCapture log;
-  mp4rec::set_stall_bound_ms(1000);
-  SimCard card;
-  mp4_base *base = mp4_base_new();
-  ASSERT_NE(base, nullptr);
   // The clean run tells how many writes the head takes: the writer thread's
   // first node write comes right behind them.
   const Outcome clean = record(base, dir, "clean", m, card);
@@ -248,22 +254,11 @@ TEST(CardFault, AWriteThatNeverReturns) {
   ASSERT_TRUE(eventually([&] { return o.buffer->writer_ended.load(); }));
   mp4_fclose(o.buffer->bound->file);
   mp4_base_free(base);
-  mp4rec::set_stall_bound_ms(0);
 }
-
-}  // namespace
-
-namespace {
 
 // The pre-open thread stuck in a head write: open answers 1 (the file is being
 // made) and the base's end leaves the thread behind within the bound.
-TEST(CardFault, TheBaseEndsWhileAHeadWriteNeverReturns) {
-  TempDir dir;
-  testsupport::LogCapture log;
-  mp4rec::set_stall_bound_ms(1000);
-  SimCard card;
-  mp4_base *base = mp4_base_new();
-  ASSERT_NE(base, nullptr);
+TEST_F(StuckCard, TheBaseEndsWhileAHeadWriteNeverReturns) {
   card.fault(card.writes() + 3, SimCard::Fault::kBlock);
   mp4_session *s = new_session(dir.file("a.mp4"), dir.file("a.mp2"));
   ASSERT_EQ(mp4_write_pre_open(base, s, 320, 240, 2, 3), 0);
@@ -282,7 +277,6 @@ TEST(CardFault, TheBaseEndsWhileAHeadWriteNeverReturns) {
   card.release();
   ASSERT_TRUE(eventually([] { return !mp4rec::pre_open_thread_running(); }));
   EXPECT_FALSE(exists(dir.file("a.mp4")));
-  mp4rec::set_stall_bound_ms(0);
 }
 
 }  // namespace

@@ -252,15 +252,6 @@ TEST(ResultCodes, AFullIndexAnswersMinusFiveAndKeepsWhatItHas) {
   EXPECT_EQ(testsupport::ffmpeg_decode_errors(kept), "");
 }
 
-// A non-IDR slice of `size` bytes with a 4-byte start code.
-Bytes slice(size_t size) {
-  Bytes b(size, 0x5A);
-  b[0] = b[1] = b[2] = 0;
-  b[3] = 1;
-  b[4] = 0x41;
-  return b;
-}
-
 TEST(ResultCodes, BusyIsLoggedAsIoErrorAndShortAudioIsRefused) {
   TempDir dir;
   LogCapture log;

@@ -108,6 +108,15 @@ inline void end_file(mp4_base *base, OpenFile &f, const std::string &keep = "") 
   f.session = nullptr;
 }
 
+// A non-IDR slice of `size` bytes with a 4-byte start code.
+inline std::vector<uint8_t> slice(size_t size) {
+  std::vector<uint8_t> b(size, 0x5A);
+  b[0] = b[1] = b[2] = 0;
+  b[3] = 1;
+  b[4] = 0x41;
+  return b;
+}
+
 // One access unit as an encoder hands it over: its NAL units back to back.
 inline std::vector<uint8_t> joined(const std::vector<testsupport::Nal> &nals) {
   std::vector<uint8_t> out;
