@@ -232,9 +232,9 @@ TEST(Record, TruncatedStreamKeepsTheWholePictures) {
 TEST(Record, FullCard) {
   TempDir dir;
   const std::string video = testsupport::h264_stream(640, 480, 30, 6, 30);
-  const auto r = testsupport::run_command(
-      "ulimit -f 1500 && " + kTool + " record '" + video +
-      "' --duration 20 --no-progress -o '" + dir.path() + "' -n full.mp4");
+  const auto r =
+      testsupport::run_command("ulimit -f 1500 && " + kTool + " record '" + video +
+                               "' --duration 20 --no-progress -o '" + dir.path() + "' -n full.mp4");
   EXPECT_EQ(r.status, 1) << r.output;
   EXPECT_NE(r.output.find("card may be full"), std::string::npos) << r.output;
   const std::string file = dir.file("full.mp4");
