@@ -1,9 +1,9 @@
 // Card faults on the public road, through the simulated card: the K-th card
 // write fails once (EIO) or from then on (ENOSPC, a full card) for every K of a
 // short recording, and one write never returns. Every call comes back within
-// its bound with a specified code, and the file left behind is never corrupt:
-// it holds every accepted frame, or plays cleanly up to its last committed
-// batch.
+// its bound with one of its documented codes, and the file left behind is
+// never corrupt: it holds every accepted frame, or plays cleanly up to its last
+// committed batch.
 #include <gtest/gtest.h>
 
 #include <algorithm>
