@@ -20,8 +20,12 @@ void reset_node(mp4_buffer_node *node) {
   node->mp4 = nullptr;
 }
 
-int64_t stall_deadline(const mp4_data_buffer *data) {
-  const int64_t started = data->write_started_ms.load(std::memory_order_relaxed);
+int64_t stall_deadline(mp4_data_buffer *data) {
+  int64_t started = 0;
+  {
+    MutexLock lock(data->queue_lock);
+    started = data->write_started_ms;
+  }
   return (started != 0 ? started : monotonic_ms()) + stall_bound_ms();
 }
 

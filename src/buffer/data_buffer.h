@@ -69,12 +69,12 @@ struct mp4_data_buffer {
   // waiting on cond.
   int32_t thread_started;
 
-  // Bookkeeping of the bounded waits. The node the writer thread is writing
-  // and the file bound by mp4_set_data_buffer (both under queue_lock); when
-  // that write began (monotonic ms, 0 when idle); a count raised after every
-  // node and when the thread ends; and whether it has ended.
+  // Bookkeeping of the bounded waits. The node the writer thread is writing,
+  // when that write began (monotonic ms, 0 when idle) and the file bound by
+  // mp4_set_data_buffer (all three under queue_lock); a count raised after
+  // every node and when the thread ends; and whether it has ended.
   mp4_buffer_node *writing;
-  std::atomic<int64_t> write_started_ms;
+  int64_t write_started_ms;
   mp4rec::Progress progress;
   std::atomic<bool> writer_ended;
   mp4_handle *bound;
@@ -135,8 +135,8 @@ void restore_storage(mp4_data_buffer *data, mp4_buffer_node *node);
 inline constexpr uint32_t kLargestVideoFrame = 4u << 20;
 
 // When a wait on the writer thread gives up: the bound after the start of the
-// write in progress, or after now when it is idle.
-int64_t stall_deadline(const mp4_data_buffer *data);
+// write in progress, or after now when it is idle. Takes queue_lock.
+int64_t stall_deadline(mp4_data_buffer *data);
 
 // Lets go of a file: waits (within the bound) until the writer thread is not
 // writing one of its nodes, drops every node still holding its frames, and

@@ -13,7 +13,7 @@ namespace mp4rec {
 
 namespace {
 
-std::atomic<int64_t> g_bound_ms{0};
+std::atomic<int32_t> g_bound_ms{0};  // 32-bit: lock-free on every target
 
 std::mutex g_abandoned_mutex;
 // Objects left to threads that never came back from a card write.
@@ -33,7 +33,7 @@ int64_t stall_bound_ms() {
 }
 
 void set_stall_bound_ms(int64_t ms) {
-  g_bound_ms.store(ms, std::memory_order_relaxed);
+  g_bound_ms.store(static_cast<int32_t>(ms), std::memory_order_relaxed);
 }
 
 bool lock_until(pthread_mutex_t &m, int64_t deadline_ms) {

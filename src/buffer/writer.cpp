@@ -62,12 +62,12 @@ void drain(mp4_data_buffer *data) {
     FILE *file = video ? data->video_file : data->audio_file;
     const int kind = video ? kMediaVideo : kMediaAudio;
     data->writing = node;
-    data->write_started_ms.store(monotonic_ms(), std::memory_order_relaxed);
+    data->write_started_ms = monotonic_ms();
     pthread_mutex_unlock(&data->queue_lock);
     const int r = DataBuffer_fwrite(node, file, kind);
     pthread_mutex_lock(&data->queue_lock);
     data->writing = nullptr;
-    data->write_started_ms.store(0, std::memory_order_relaxed);
+    data->write_started_ms = 0;
     if (r == -2) {
       data->buffer_status.store(kBufferIoError, std::memory_order_relaxed);
       data->progress.bump();
@@ -191,7 +191,7 @@ int mp4_write_data_buffer_finish(mp4_data_buffer *data) {
       writing = data->writing != nullptr;
       failed_final = io_error && handed && data->write_queue != nullptr &&
                      (data->write_queue == finals[0] || data->write_queue == finals[1]);
-      const int64_t started = data->write_started_ms.load(std::memory_order_relaxed);
+      const int64_t started = data->write_started_ms;
       stalled = !io_error && writing && monotonic_ms() - started > stall_bound_ms();
       if (stalled) data->buffer_status.store(kBufferIoError, std::memory_order_relaxed);
     }

@@ -47,6 +47,17 @@ inline constexpr int kLogProgress = 7;
 // samples) lies below 2 GiB. A frame that would cross it is refused with -5.
 inline constexpr uint64_t kMaxFileBytes = 0x7FFFFFFFu;
 
+// Messages logged once per file, so that a refusal that repeats logs once.
+enum LogOnce : uint32_t {
+  kOnceFileFull = 1,
+  kOnceAvcConfig = 2,
+};
+// True the first time it is asked for `what` on the file whose writer record
+// (MP4 handle or MJPEG context) is `record`. The records keep their layout:
+// what was logged is kept beside them until forget_once, when they are freed.
+bool first_time(const void *record, LogOnce what);
+void forget_once(const void *record);
+
 inline uint32_t relaxed(const std::atomic<uint32_t> &v) {
   return v.load(std::memory_order_relaxed);
 }

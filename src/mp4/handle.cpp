@@ -65,6 +65,7 @@ extern "C" void free_mp4_h264(mp4_handle *h) {
                     "open\n");
     return;
   }
+  mp4rec::forget_once(h);
   if (h->file != nullptr) {
     mp4_fclose(h->file);
     h->file = nullptr;

@@ -130,9 +130,6 @@ struct mp4_handle {
   uint32_t reserved37;
   uint32_t maxVideoFrames;  // capacity of the reserved video tables
   uint32_t maxAudioFrames;  // capacity of the reserved audio tables
-  // Beyond the record above: the messages already logged for this file
-  // (mp4rec::LogOnce bits), so that a refusal that repeats logs once.
-  std::atomic<uint32_t> loggedOnce;
 };
 // 39 words on a 32-bit target, as the camera firmware lays the record out.
 static_assert(!mp4rec::kWords32 || sizeof(mp4_handle) == 39 * 4);
@@ -148,16 +145,6 @@ struct Capacities {
 constexpr Capacities table_capacities(uint32_t seconds, uint32_t frame_rate, uint32_t sample_rate) {
   const uint32_t span = seconds + seconds / 10 + 1;
   return {span * frame_rate, span * (sample_rate / 1024)};
-}
-
-// Messages logged once per file.
-enum LogOnce : uint32_t {
-  kOnceFileFull = 1,
-  kOnceAvcConfig = 2,
-};
-// True the first time it is asked for `what` on this file.
-inline bool first_time(mp4_handle *h, LogOnce what) {
-  return (h->loggedOnce.fetch_or(what, std::memory_order_relaxed) & what) == 0;
 }
 
 // Seconds from 1904-01-01 (MP4 epoch) to 1970-01-01.

@@ -33,10 +33,7 @@ bool file_has_room(mp4_mjpeg_ctx *ctx, uint64_t picture, uint64_t frames) {
 
 // Refuses what a full file cannot take: -5, and one line per file.
 int file_full(mp4_mjpeg_ctx *ctx, const char *function, const char *message) {
-  if (ctx->fullLogged == 0) {
-    ctx->fullLogged = 1;
-    MP4_LOG_AS(function, kLogError, kModRecorder, "%s", message);
-  }
+  if (first_time(ctx, kOnceFileFull)) MP4_LOG_AS(function, kLogError, kModRecorder, "%s", message);
   return -5;
 }
 
@@ -84,6 +81,7 @@ mp4_mjpeg_ctx *new_context() {
 
 void mjpeg_release(mp4_mjpeg_ctx *ctx) {
   if (ctx == nullptr) return;
+  forget_once(ctx);
   release_contents(ctx);
   std::free(ctx);
 }

@@ -53,8 +53,6 @@ struct mp4_mjpeg_ctx {
   uint32_t audioFormat;        // 1 (8-bit PCM) or 2 (16-bit PCM)
   void *mp2Encoder;            // 16000 Hz, 64 kbit/s, mono
   int32_t writeStatus;         // error sum of every write, seek and size patch
-  // Beyond the record above: whether the file-full refusal was logged.
-  uint32_t fullLogged;
 };
 
 namespace mp4rec {
