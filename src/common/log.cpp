@@ -2,8 +2,8 @@
 // swLogWrite itself takes precedence through ordinary symbol interposition.
 #include <cstdarg>
 #include <cstdio>
-#include <map>
 #include <mutex>
+#include <vector>
 
 #include "common/internal.h"
 
@@ -20,23 +20,32 @@ extern "C" __attribute__((weak)) void swLogWrite(int level, int module, const ch
 namespace mp4rec {
 
 namespace {
+struct Logged {
+  const void *record;
+  uint32_t what;
+};
 std::mutex g_once_mutex;
 // What each live file has logged once; a few entries at most.
-std::map<const void *, uint32_t> *g_once = nullptr;
+std::vector<Logged> *g_once = nullptr;
 }  // namespace
 
 bool first_time(const void *record, LogOnce what) {
   std::lock_guard<std::mutex> lock(g_once_mutex);
-  if (g_once == nullptr) g_once = new std::map<const void *, uint32_t>;
-  uint32_t &logged = (*g_once)[record];
-  const bool first = (logged & what) == 0;
-  logged |= what;
-  return first;
+  if (g_once == nullptr) g_once = new std::vector<Logged>;
+  for (Logged &l : *g_once) {
+    if (l.record != record) continue;
+    const bool first = (l.what & what) == 0;
+    l.what |= what;
+    return first;
+  }
+  g_once->push_back({record, what});
+  return true;
 }
 
 void forget_once(const void *record) {
   std::lock_guard<std::mutex> lock(g_once_mutex);
-  if (g_once != nullptr) g_once->erase(record);
+  if (g_once == nullptr) return;
+  std::erase_if(*g_once, [&](const Logged &l) { return l.record == record; });
 }
 
 }  // namespace mp4rec
