@@ -91,7 +91,8 @@ TEST(PreOpenFree, ARequestWhoseSessionIsFreedBeforeItIsTakenMakesNoFile) {
   mp4_base *base = mp4_base_new();
   ASSERT_NE(base, nullptr);
   // While the thread makes a's slow head, b's request is posted (its words are
-  // written at once, the signal waits for the thread) and b is freed.
+  // written at once, the signal waits for the thread) and b is freed before
+  // the thread can take it.
   mp4_session *a = slow_session(dir, "a", 40000);
   ASSERT_NE(a, nullptr);
   ASSERT_EQ(mp4_write_pre_open(base, a, 320, 240, 2, 3), 0);
@@ -104,9 +105,9 @@ TEST(PreOpenFree, ARequestWhoseSessionIsFreedBeforeItIsTakenMakesNoFile) {
   std::thread poster([&] { EXPECT_EQ(mp4_write_pre_open(base, b, 320, 240, 2, 3), 0); });
   ASSERT_TRUE(eventually([&] { return request_session() == b; }));
   ASSERT_FALSE(thread_idle()) << "a's head was written before b could be freed";
-  poster.join();  // a is done and b's request is pending
   EXPECT_EQ(mp4_session_pop(base), b);
   EXPECT_EQ(mp4_session_free(b), 0);
+  poster.join();  // b's request is flagged for the thread, which finds it withdrawn
 
   ASSERT_TRUE(eventually(thread_idle, 60s));
   EXPECT_FALSE(exists(dir.file("b.mp4")));
