@@ -9,8 +9,9 @@
 #include <cstdint>
 
 // The three flags are written by whichever thread makes a head (usually the
-// pre-open thread) and read by the writer thread of the current file, so they
-// are relaxed atomics with the layout of a plain 32-bit word.
+// pre-open thread) while another file may be recording, so they are relaxed
+// atomics with the layout of a plain 32-bit word. Each file takes its own copy
+// when its head is written and reads only that.
 extern "C" {
 MP4REC_API extern std::atomic<int32_t> videoPreallocFlag;
 MP4REC_API extern std::atomic<int32_t> audioPreallocFlag;

@@ -90,6 +90,12 @@ enum AudioPosSlot : int {
 
 inline constexpr uint32_t kUnknownTs = 0xFFFFFFFFu;  // "not yet known" in updatePos
 
+// Bits of hiddenTracks. Until a track's first chunk is indexed its trak box is
+// typed "free", so that readers skip it; the one word that makes it a "trak"
+// is written once the track's tables describe that chunk.
+inline constexpr uint32_t kHiddenVideo = 1;
+inline constexpr uint32_t kHiddenAudio = 2;
+
 struct mp4_handle {
   FILE *file;                        // the .mp4 file ("wb")
   FILE *mp2File;                     // temporary MP2 side file ("wb+")
@@ -123,11 +129,13 @@ struct mp4_handle {
   uint32_t moovPos;
   struct updatePos *updatePos;  // patch positions (null on the index-at-end road)
   uint32_t maxDuration;
-  uint32_t reserved33;
+  uint32_t hiddenTracks;       // kHiddenVideo | kHiddenAudio: traks still typed "free"
   uint32_t videoSampleNumber;  // video samples indexed so far
-  uint32_t reserved35;
-  uint32_t reserved36;
-  uint32_t reserved37;
+  // The stream info's flags as they were when this file's head was written;
+  // the process-wide flags follow whichever head came last.
+  uint32_t videoPrealloc;
+  uint32_t audioPrealloc;
+  uint32_t audioTimeStamps;
   uint32_t maxVideoFrames;  // capacity of the reserved video tables
   uint32_t maxAudioFrames;  // capacity of the reserved audio tables
 };

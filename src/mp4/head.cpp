@@ -130,13 +130,12 @@ int32_t write_table(Sink &s, const TableSpec &t, uint32_t *start_slot, uint32_t 
   return table.close();
 }
 
-// Until the first update the tables declare no sample: stts, stss and stsz
-// count 0, stsc counts its reserved entries and stco its one (empty) chunk.
-// Every count is recomputed from the next-entry offset when a batch is
-// entered.
+// Until the first update an empty track declares no chunk and no sample:
+// every count is 0 (the audio stts without time stamps holds its one entry
+// with no frames). The first chunk raises them from the next-entry offsets.
 int32_t write_video_stbl(Sink &s, const mp4_handle *h, uint32_t *vpos) {
   const uint32_t nv = h->maxVideoFrames;
-  const bool hole = videoPreallocFlag.load(std::memory_order_relaxed) == 1;
+  const bool hole = h->videoPrealloc == 1;
   Scope stbl(s, "stbl");
   if (!stbl.ok()) return -1;
   vpos[kVStbl] = stbl.start();
@@ -146,17 +145,20 @@ int32_t write_video_stbl(Sink &s, const mp4_handle *h, uint32_t *vpos) {
   s.add(write_table(s, {"stss", 0, false, nv, kZero4, hole, kZero4}, &vpos[kVSttsStssStart],
                     &vpos[kVStssCount], &vpos[kVStssNext]));
   vpos[kVChunkCounter] = 0;
-  s.add(write_table(s, {"stsc", nv, false, nv, kStscOne, false, kStscOne}, &vpos[kVStscStart],
+  s.add(write_table(s, {"stsc", 0, false, nv, kStscOne, false, kStscOne}, &vpos[kVStscStart],
                     &vpos[kVStscCount], &vpos[kVStscNext]));
   s.add(write_table(s, {"stsz", 0, true, nv, kZero4, hole, kZero4}, nullptr, &vpos[kVStszCount],
                     &vpos[kVStszNext]));
-  s.add(write_table(s, {"stco", 1, false, nv, kZero4, hole, kZero4}, &vpos[kVStcoStart],
+  s.add(write_table(s, {"stco", 0, false, nv, kZero4, hole, kZero4}, &vpos[kVStcoStart],
                     &vpos[kVStcoCount], &vpos[kVStcoNext]));
   return stbl.close();
 }
 
+// A track is written hidden (typed "free") until its first chunk is indexed.
+constexpr const char *kHiddenTrak = "free";
+
 int32_t write_video_trak(Sink &s, const mp4_handle *h, uint32_t *vpos) {
-  Scope trak(s, "trak");
+  Scope trak(s, kHiddenTrak);
   if (!trak.ok()) return -1;
   vpos[kVTrak] = trak.start();
   s.add(box::write_tkhd(s,
@@ -193,8 +195,8 @@ int32_t write_video_trak(Sink &s, const mp4_handle *h, uint32_t *vpos) {
 
 int32_t write_audio_stbl(Sink &s, const mp4_handle *h, uint32_t *apos) {
   const uint32_t na = h->maxAudioFrames;
-  const bool hole = audioPreallocFlag.load(std::memory_order_relaxed) == 1;
-  const bool time_stamps = audioTimeStampFlag.load(std::memory_order_relaxed) == 1;
+  const bool hole = h->audioPrealloc == 1;
+  const bool time_stamps = h->audioTimeStamps == 1;
   const uint32_t n = time_stamps ? na : 1;
   Scope stbl(s, "stbl");
   if (!stbl.ok()) return -1;
@@ -227,11 +229,11 @@ int32_t write_audio_stbl(Sink &s, const mp4_handle *h, uint32_t *apos) {
   s.add(write_table(s, {"stts", n, false, n, frame_entry, hole, kOneZero}, &apos[kASttsStart],
                     &apos[kASttsCount], &apos[kASttsNext], 16 + 8 * n));
   apos[kAChunkCounter] = 0;
-  s.add(write_table(s, {"stsc", na, false, na, kStscOne, false, kStscOne}, &apos[kAStscStart],
+  s.add(write_table(s, {"stsc", 0, false, na, kStscOne, false, kStscOne}, &apos[kAStscStart],
                     &apos[kAStscCount], &apos[kAStscNext]));
   s.add(write_table(s, {"stsz", 0, true, na, kZero4, hole, kZero4}, &apos[kAStszStart],
                     &apos[kAStszCount], &apos[kAStszNext]));
-  s.add(write_table(s, {"stco", 1, false, na, kZero4, hole, kZero4}, &apos[kAStcoStart],
+  s.add(write_table(s, {"stco", 0, false, na, kZero4, hole, kZero4}, &apos[kAStcoStart],
                     &apos[kAStcoCount], &apos[kAStcoNext]));
   return stbl.close();
 }
@@ -241,7 +243,7 @@ uint32_t audio_frame_ms(const mp4_handle *h) {
 }
 
 int32_t write_audio_trak(Sink &s, const mp4_handle *h, uint32_t *apos) {
-  Scope trak(s, "trak");
+  Scope trak(s, kHiddenTrak);
   if (!trak.ok()) return -1;
   apos[kATrak] = trak.start();
   s.add(box::write_tkhd(s,
@@ -312,6 +314,7 @@ extern "C" int mp4_write_moov_init(FILE *file, mp4_handle *handle, updatePos *po
                         {&pos->mvhdPos, &pos->mvhdDurationPos}));
   s.add(write_video_trak(s, handle, pos->videoPos));
   s.add(write_audio_trak(s, handle, pos->audioPos));
+  handle->hiddenTracks = kHiddenVideo | kHiddenAudio;
   s.add(box::write_udta(s));
   return moov.close();
 }
@@ -408,9 +411,13 @@ extern "C" mp4_handle *mp4_write_head_h264_index(const char *mp4_path, const cha
     return nullptr;
   }
 
-  videoPreallocFlag.store(info->video_prealloc == 1 ? 1 : 0, std::memory_order_relaxed);
-  audioPreallocFlag.store(info->audio_prealloc == 1 ? 1 : 0, std::memory_order_relaxed);
-  audioTimeStampFlag.store(stamps ? 1 : 0, std::memory_order_relaxed);
+  // This file keeps its own flags; the process-wide ones follow the last head.
+  h->videoPrealloc = info->video_prealloc == 1 ? 1 : 0;
+  h->audioPrealloc = info->audio_prealloc == 1 ? 1 : 0;
+  h->audioTimeStamps = stamps ? 1 : 0;
+  videoPreallocFlag.store(static_cast<int32_t>(h->videoPrealloc), std::memory_order_relaxed);
+  audioPreallocFlag.store(static_cast<int32_t>(h->audioPrealloc), std::memory_order_relaxed);
+  audioTimeStampFlag.store(static_cast<int32_t>(h->audioTimeStamps), std::memory_order_relaxed);
 
   Sink s{h->file, h->writeStatus};
   s.add(box::write_ftyp(s));

@@ -1,8 +1,11 @@
 // In-place update of the reserved front index after every batch of samples
-// that reaches the file: the batch's table entries are appended behind the
-// previous ones, then counts, durations and the mdat size are patched. Entries
-// are written before their count, so the file is a consistent MP4 after every
-// batch.
+// that reaches the file. Each batch becomes one chunk: its entries are
+// appended behind the tables' counts first, where no reader looks, then the
+// counts are raised in the order readers need (sizes before the chunk that
+// claims them, the chunk before its stsc run, durations last), so that a cut
+// after any single write leaves a valid file whose index describes only bytes
+// already written. A track's first chunk is entered while its trak is still
+// hidden; one word then makes the track appear.
 #include "mp4/index_update.h"
 
 #include <algorithm>
@@ -65,23 +68,20 @@ struct Batch {
 using VideoBatch = Batch<videoNode>;
 using AudioBatch = Batch<audioNode>;
 
-// Recomputes a table's entry count from its next-entry offset and writes it.
-int32_t write_count(const char *name, Sink &s, uint32_t count_pos, uint32_t next_pos,
-                    uint32_t entry_words) {
-  const uint32_t count = (next_pos - count_pos - 4) / 4 / entry_words;
-  if (!seek_to(name, s.file(), count_pos)) return -1;
-  s.u32(count);
-  return s.status();
+// Entries in a table from its count field to its next-entry offset.
+uint32_t entries_of(const uint32_t *table, int count_slot, int next_slot, uint32_t entry_words) {
+  return (table[next_slot] - table[count_slot] - 4) / 4 / entry_words;
 }
 
-// stts of either track: the previous batch's provisional entry is replaced by
-// the real delta, each sample gets its own entry (count 1) and the newest one
-// the provisional delta. `delta` turns two time stamps into a table delta;
-// `written`, when given, adds up the real deltas written.
+// stts entries of either track: the previous batch's provisional entry is
+// replaced by the real delta, each sample gets its own entry (count 1) and the
+// newest one the provisional delta. `delta` turns two time stamps into a
+// table delta; `written`, when given, adds up the real deltas written. The
+// count is written later.
 template <typename Node, typename Delta>
-int32_t update_stts(const char *name, Sink &s, uint32_t *table, int count_slot, int next_slot,
-                    Batch<Node> batch, uint32_t &last_ts, Delta &&delta, uint32_t provisional,
-                    uint32_t *written = nullptr) {
+int32_t enter_stts(const char *name, Sink &s, uint32_t *table, int next_slot, Batch<Node> batch,
+                   uint32_t &last_ts, Delta &&delta, uint32_t provisional,
+                   uint32_t *written = nullptr) {
   FILE *file = s.file();
   if (!seek_to(name, file, table[next_slot] - 8)) return -1;
   bool ok = true;
@@ -100,32 +100,37 @@ int32_t update_stts(const char *name, Sink &s, uint32_t *table, int count_slot, 
   if (!ok) return -1;
   s.u32(1);
   s.u32(provisional);
-  if (!tell_at(name, file, table[next_slot])) return -1;
-  return write_count(name, s, table[count_slot], table[next_slot], 2);
+  return tell_at(name, file, table[next_slot]) ? s.status() : -1;
 }
 
 // One stsc entry per batch: (chunk number, samples in the batch, 1).
-int32_t update_stsc(const char *name, Sink &s, uint32_t *table, int counter_slot, int count_slot,
-                    int next_slot, uint32_t samples) {
+int32_t enter_stsc(const char *name, Sink &s, uint32_t *table, int counter_slot, int next_slot,
+                   uint32_t samples) {
   const uint32_t chunk = ++table[counter_slot];
   if (!seek_to(name, s.file(), table[next_slot])) return -1;
   s.u32(chunk);
   s.u32(samples);
   s.u32(1);
-  if (!tell_at(name, s.file(), table[next_slot])) return -1;
-  return write_count(name, s, table[count_slot], table[next_slot], 3);
+  return tell_at(name, s.file(), table[next_slot]) ? s.status() : -1;
 }
 
 // One stco entry per batch: the batch's start in the file.
-int32_t update_stco(const char *name, Sink &s, mp4_handle *h, uint32_t *table, int count_slot,
-                    int next_slot, uint32_t *chunk_offset, uint32_t batch_bytes) {
+int32_t enter_stco(const char *name, Sink &s, mp4_handle *h, uint32_t *table, int next_slot,
+                   uint32_t *chunk_offset, uint32_t batch_bytes) {
   const uint32_t offset = h->updatePos->dataPos;
   h->updatePos->dataPos += batch_bytes;
-  if (chunk_offset != nullptr) *chunk_offset = offset;
+  *chunk_offset = offset;
   if (!seek_to(name, s.file(), table[next_slot])) return -1;
   s.u32(offset);
-  if (!tell_at(name, s.file(), table[next_slot])) return -1;
-  return write_count(name, s, table[count_slot], table[next_slot], 1);
+  return tell_at(name, s.file(), table[next_slot]) ? s.status() : -1;
+}
+
+// One size per sample.
+template <typename Node>
+int32_t enter_stsz(const char *name, Sink &s, uint32_t *table, int next_slot, Batch<Node> batch) {
+  if (!seek_to(name, s.file(), table[next_slot])) return -1;
+  batch.each([&](const Node &n) { s.u32(n.size); });
+  return tell_at(name, s.file(), table[next_slot]) ? s.status() : -1;
 }
 
 // ---- video tables -----------------------------------------------------------
@@ -133,8 +138,8 @@ int32_t update_stco(const char *name, Sink &s, mp4_handle *h, uint32_t *table, i
 int32_t mp4_write_stts_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vpos,
                                          VideoBatch batch) {
   Sink s{file, h->writeStatus};
-  return update_stts(
-      __func__, s, vpos, kVSttsCount, kVSttsNext, batch, h->updatePos->lastVideoTs,
+  return enter_stts(
+      __func__, s, vpos, kVSttsNext, batch, h->updatePos->lastVideoTs,
       [](uint32_t ts, uint32_t last) { return ts - last; }, kDurationPadMs);
 }
 
@@ -150,14 +155,13 @@ int32_t mp4_write_stss_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vp
     ++h->videoSampleNumber;
     if (n.type == 1) s.u32(h->videoSampleNumber);
   });
-  if (!tell_at(__func__, file, vpos[kVStssNext])) return -1;
-  return write_count(__func__, s, vpos[kVStssCount], vpos[kVStssNext], 1);
+  return tell_at(__func__, file, vpos[kVStssNext]) ? s.status() : -1;
 }
 
 int32_t mp4_write_stsc_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vpos,
                                          uint32_t samples) {
   Sink s{file, h->writeStatus};
-  return update_stsc(__func__, s, vpos, kVChunkCounter, kVStscCount, kVStscNext, samples);
+  return enter_stsc(__func__, s, vpos, kVChunkCounter, kVStscNext, samples);
 }
 
 int32_t mp4_write_stsz_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vpos,
@@ -167,141 +171,201 @@ int32_t mp4_write_stsz_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vp
     return -1;
   }
   Sink s{file, h->writeStatus};
-  if (!seek_to(__func__, file, vpos[kVStszNext])) return -1;
-  batch.each([&](const videoNode &n) { s.u32(n.size); });
-  if (!tell_at(__func__, file, vpos[kVStszNext])) return -1;
-  return write_count(__func__, s, vpos[kVStszCount], vpos[kVStszNext], 1);
+  return enter_stsz(__func__, s, vpos, kVStszNext, batch);
 }
 
 int32_t mp4_write_stco_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vpos,
                                          uint32_t batch_bytes) {
   Sink s{file, h->writeStatus};
-  return update_stco(__func__, s, h, vpos, kVStcoCount, kVStcoNext, &vpos[kVChunkOffset],
-                     batch_bytes);
+  return enter_stco(__func__, s, h, vpos, kVStcoNext, &vpos[kVChunkOffset], batch_bytes);
 }
 
 // ---- audio tables -----------------------------------------------------------
 
-// Also gives the track's duration in its own time scale: the sum of the deltas
-// the table holds once written.
+// Time-stamped audio also adds its real deltas up in kASttsDuration: the
+// track's duration in its own time scale is that sum and the provisional one.
 int32_t mp4_write_stts_tag_2_update_buffer(FILE *file, mp4_handle *h, uint32_t *apos,
-                                           AudioBatch batch, uint32_t &duration) {
+                                           AudioBatch batch) {
   Sink s{file, h->writeStatus};
-  if (audioTimeStampFlag.load(std::memory_order_relaxed) != 1) {
-    // One entry for all frames; its count follows the frames accepted.
-    const uint32_t frames = relaxed(h->audioCount);
-    duration = frames * h->audioFrameSamples;
-    if (!seek_to(__func__, file, apos[kASttsCount] + 4)) return -1;
-    s.u32(frames);
-    s.u32(h->audioFrameSamples);
-    return s.status();
-  }
+  // Without time stamps the one entry for all frames is a count, written with
+  // the other counts.
+  if (h->audioTimeStamps != 1) return s.status();
   const uint32_t rate = h->sampleRate;
-  const uint32_t provisional = rate * kDurationPadMs / 1000;
-  const int32_t r = update_stts(
-      __func__, s, apos, kASttsCount, kASttsNext, batch, h->updatePos->lastAudioTs,
-      [rate](uint32_t ts, uint32_t last) { return (ts - last) * rate / 1000; }, provisional,
-      &apos[kASttsDuration]);
-  duration = apos[kASttsDuration] + provisional;
-  return r;
+  return enter_stts(
+      __func__, s, apos, kASttsNext, batch, h->updatePos->lastAudioTs,
+      [rate](uint32_t ts, uint32_t last) { return (ts - last) * rate / 1000; },
+      rate * kDurationPadMs / 1000, &apos[kASttsDuration]);
 }
 
 int32_t mp4_write_stsc_tag_2_update_buffer(FILE *file, mp4_handle *h, uint32_t *apos,
                                            uint32_t samples) {
   Sink s{file, h->writeStatus};
-  return update_stsc(__func__, s, apos, kAChunkCounter, kAStscCount, kAStscNext, samples);
+  return enter_stsc(__func__, s, apos, kAChunkCounter, kAStscNext, samples);
 }
 
 int32_t mp4_write_stsz_tag_2_update_buffer(FILE *file, mp4_handle *h, uint32_t *apos,
                                            AudioBatch batch) {
   Sink s{file, h->writeStatus};
-  if (!seek_to(__func__, file, apos[kAStszNext])) return -1;
-  batch.each([&](const audioNode &n) { s.u32(n.size); });
-  if (!tell_at(__func__, file, apos[kAStszNext])) return -1;
-  // The count follows the frames accepted, which may run ahead of the entries.
-  if (!seek_to(__func__, file, apos[kAStszCount])) return -1;
-  s.u32(relaxed(h->audioCount));
-  return s.status();
+  return enter_stsz(__func__, s, apos, kAStszNext, batch);
 }
 
 int32_t mp4_write_stco_tag_2_update_buffer(FILE *file, mp4_handle *h, uint32_t *apos,
                                            uint32_t batch_bytes) {
   Sink s{file, h->writeStatus};
-  return update_stco(__func__, s, h, apos, kAStcoCount, kAStcoNext, &apos[kAChunkOffset],
-                     batch_bytes);
+  return enter_stco(__func__, s, h, apos, kAStcoNext, &apos[kAChunkOffset], batch_bytes);
 }
 
 // ---- the two tracks -------------------------------------------------------
+
+// The operation every message of the batch update is logged under.
+constexpr const char *kUpdateName = "mp4_write_moov_update_buffer";
 
 void raise_max_duration(mp4_handle *h, uint32_t d) {
   if (d > h->maxDuration) h->maxDuration = d;
 }
 
 // Runs one step: adds its result and logs `message` when the status is bad.
-#define INDEX_STEP(call, message)                                                \
-  do {                                                                           \
-    s.add(call);                                                                 \
-    if (h->writeStatus != 0) MP4_LOG_AS(name, kLogError, kModRecorder, message); \
+#define INDEX_STEP(call, message)                                                       \
+  do {                                                                                  \
+    s.add(call);                                                                        \
+    if (h->writeStatus != 0) MP4_LOG_AS(kUpdateName, kLogError, kModRecorder, message); \
   } while (0)
 
-void update_video(const char *name, Sink &s, mp4_handle *h, VideoBatch batch,
-                  uint32_t batch_bytes) {
+void enter_video(Sink &s, mp4_handle *h, VideoBatch batch, uint32_t batch_bytes, ChunkCounts &c) {
   FILE *file = s.file();
   updatePos *pos = h->updatePos;
   uint32_t *vpos = pos->videoPos;
-  const uint32_t samples = batch.size();
   if (pos->firstVideoTs == kUnknownTs) pos->firstVideoTs = batch.head->timeStamp;
-  const uint32_t d = batch.tail->timeStamp - pos->firstVideoTs + kDurationPadMs;
-  raise_max_duration(h, d);
-  INDEX_STEP(mp4_write_tkhd_tag_update(file, h, vpos, d),
-             "mp4 write index : write video thkd error\n");
-  INDEX_STEP(mp4_write_edts_tag_update(file, h, vpos, d),
-             "mp4 write index : write video edts error\n");
-  INDEX_STEP(mp4_write_mdhd_tag_update(file, h, vpos, d),
-             "mp4 write index : write video mdhd error\n");
+  c.duration = batch.tail->timeStamp - pos->firstVideoTs + kDurationPadMs;
+  raise_max_duration(h, c.duration);
   INDEX_STEP(mp4_write_stsd_tag_update(file, h, vpos),
              "mp4 write index : write video stsd error\n");
-  INDEX_STEP(mp4_write_stts_tag_update_buffer(file, h, vpos, batch),
-             "mp4 write index : write video stts error\n");
-  INDEX_STEP(mp4_write_stss_tag_update_buffer(file, h, vpos, batch),
-             "mp4 write index : write video stss error\n");
-  INDEX_STEP(mp4_write_stsc_tag_update_buffer(file, h, vpos, samples),
-             "mp4 write index : write video stsc error\n");
-  INDEX_STEP(mp4_write_stsz_tag_update_buffer(file, h, vpos, batch),
-             "mp4 write index : write video stsz error\n");
-  INDEX_STEP(mp4_write_stco_tag_update_buffer(file, h, vpos, batch_bytes),
-             "mp4 write index : write video stco error\n");
+  // The messages of the tables follow their counts (index_write_counts).
+  s.add(mp4_write_stts_tag_update_buffer(file, h, vpos, batch));
+  s.add(mp4_write_stss_tag_update_buffer(file, h, vpos, batch));
+  s.add(mp4_write_stsc_tag_update_buffer(file, h, vpos, batch.size()));
+  s.add(mp4_write_stsz_tag_update_buffer(file, h, vpos, batch));
+  s.add(mp4_write_stco_tag_update_buffer(file, h, vpos, batch_bytes));
+  c.times = entries_of(vpos, kVSttsCount, kVSttsNext, 2);
+  c.sync_samples = entries_of(vpos, kVStssCount, kVStssNext, 1);
+  c.samples = entries_of(vpos, kVStszCount, kVStszNext, 1);
+  c.chunks = vpos[kVChunkCounter];
 }
 
-void update_audio(const char *name, Sink &s, mp4_handle *h, AudioBatch batch,
-                  uint32_t batch_bytes) {
+void enter_audio(Sink &s, mp4_handle *h, AudioBatch batch, uint32_t batch_bytes, ChunkCounts &c) {
   FILE *file = s.file();
   updatePos *pos = h->updatePos;
   uint32_t *apos = pos->audioPos;
-  const uint32_t samples = batch.size();
-  uint32_t d = 0;
-  if (audioTimeStampFlag.load(std::memory_order_relaxed) != 1) {
-    if (h->audioKHz != 0) d = relaxed(h->audioCount) * h->audioFrameSamples / h->audioKHz;
+  s.add(mp4_write_stts_tag_2_update_buffer(file, h, apos, batch));
+  s.add(mp4_write_stsc_tag_2_update_buffer(file, h, apos, batch.size()));
+  s.add(mp4_write_stsz_tag_2_update_buffer(file, h, apos, batch));
+  s.add(mp4_write_stco_tag_2_update_buffer(file, h, apos, batch_bytes));
+  // Counts and durations follow the frames in the file, not those accepted.
+  c.samples = entries_of(apos, kAStszCount, kAStszNext, 1);
+  c.chunks = apos[kAChunkCounter];
+  if (h->audioTimeStamps != 1) {
+    c.times = c.samples;
+    c.duration = h->audioKHz != 0 ? c.samples * h->audioFrameSamples / h->audioKHz : 0;
+    c.media_duration = c.samples * h->audioFrameSamples;
   } else {
+    c.times = entries_of(apos, kASttsCount, kASttsNext, 2);
+    c.media_duration = apos[kASttsDuration] + h->sampleRate * kDurationPadMs / 1000;
     if (pos->firstAudioTs == kUnknownTs) pos->firstAudioTs = batch.head->timeStamp;
-    d = batch.tail->timeStamp - pos->firstAudioTs + kDurationPadMs;
+    c.duration = batch.tail->timeStamp - pos->firstAudioTs + kDurationPadMs;
   }
-  raise_max_duration(h, d);
-  INDEX_STEP(mp4_write_trak_tag_2_update(file, h, apos, d),
-             "mp4 write index : write audio thkd error\n");
-  // The media duration is in the track's time scale (the sample rate): the sum
-  // of the stts deltas, so the mdhd follows the table written just before.
-  uint32_t samples_duration = 0;
-  INDEX_STEP(mp4_write_stts_tag_2_update_buffer(file, h, apos, batch, samples_duration),
-             "mp4 write index : write audio stts error\n");
-  INDEX_STEP(mp4_write_mdhd_tag_2_update(file, h, apos, samples_duration),
-             "mp4 write index : write audio mdhd error\n");
-  INDEX_STEP(mp4_write_stsc_tag_2_update_buffer(file, h, apos, samples),
-             "mp4 write index : write audio stsc error\n");
-  INDEX_STEP(mp4_write_stsz_tag_2_update_buffer(file, h, apos, batch),
-             "mp4 write index : write audio stsz error\n");
-  INDEX_STEP(mp4_write_stco_tag_2_update_buffer(file, h, apos, batch_bytes),
-             "mp4 write index : write audio stco error\n");
+  raise_max_duration(h, c.duration);
+}
+
+// The counts of a table: each written under its table updater's name.
+int32_t write_count(const char *name, FILE *file, mp4_handle *h, uint32_t pos, uint32_t value) {
+  return patch_word(name, file, h, pos, value);
+}
+
+void write_samples(Sink &s, mp4_handle *h, const ChunkCounts &c) {
+  FILE *file = s.file();
+  uint32_t *vpos = h->updatePos->videoPos, *apos = h->updatePos->audioPos;
+  // mdat covers the chunk's bytes before any table points at them.
+  if (!seek_to(kUpdateName, file, h->mdatPos)) {
+    s.add(-1);
+  } else {
+    s.u32(c.data_end - h->mdatPos);
+  }
+  if (c.track == 1) {
+    INDEX_STEP(write_count("mp4_write_stts_tag_update_buffer", file, h, vpos[kVSttsCount], c.times),
+               "mp4 write index : write video stts error\n");
+    INDEX_STEP(
+        write_count("mp4_write_stsz_tag_update_buffer", file, h, vpos[kVStszCount], c.samples),
+        "mp4 write index : write video stsz error\n");
+    return;
+  }
+  if (h->audioTimeStamps == 1) {
+    INDEX_STEP(
+        write_count("mp4_write_stts_tag_2_update_buffer", file, h, apos[kASttsCount], c.times),
+        "mp4 write index : write audio stts error\n");
+  } else {
+    // One entry for all frames; its count follows the frames in the file.
+    const char *name = "mp4_write_stts_tag_2_update_buffer";
+    if (!seek_to(name, file, apos[kASttsCount] + 4)) {
+      s.add(-1);
+    } else {
+      s.u32(c.times);
+      s.u32(h->audioFrameSamples);
+    }
+    if (h->writeStatus != 0)
+      MP4_LOG_AS(kUpdateName, kLogError, kModRecorder,
+                 "mp4 write index : write audio stts error\n");
+  }
+  INDEX_STEP(
+      write_count("mp4_write_stsz_tag_2_update_buffer", file, h, apos[kAStszCount], c.samples),
+      "mp4 write index : write audio stsz error\n");
+}
+
+void write_chunks(Sink &s, mp4_handle *h, const ChunkCounts &c) {
+  FILE *file = s.file();
+  uint32_t *vpos = h->updatePos->videoPos, *apos = h->updatePos->audioPos;
+  if (c.track == 1) {
+    INDEX_STEP(
+        write_count("mp4_write_stco_tag_update_buffer", file, h, vpos[kVStcoCount], c.chunks),
+        "mp4 write index : write video stco error\n");
+    // A sync-sample table may lag the samples, never lead them.
+    INDEX_STEP(
+        write_count("mp4_write_stss_tag_update_buffer", file, h, vpos[kVStssCount], c.sync_samples),
+        "mp4 write index : write video stss error\n");
+  } else {
+    INDEX_STEP(
+        write_count("mp4_write_stco_tag_2_update_buffer", file, h, apos[kAStcoCount], c.chunks),
+        "mp4 write index : write audio stco error\n");
+  }
+}
+
+void write_runs(Sink &s, mp4_handle *h, const ChunkCounts &c) {
+  FILE *file = s.file();
+  uint32_t *vpos = h->updatePos->videoPos, *apos = h->updatePos->audioPos;
+  if (c.track == 1) {
+    INDEX_STEP(
+        write_count("mp4_write_stsc_tag_update_buffer", file, h, vpos[kVStscCount], c.chunks),
+        "mp4 write index : write video stsc error\n");
+    INDEX_STEP(mp4_write_tkhd_tag_update(file, h, vpos, c.duration),
+               "mp4 write index : write video thkd error\n");
+    INDEX_STEP(mp4_write_edts_tag_update(file, h, vpos, c.duration),
+               "mp4 write index : write video edts error\n");
+    INDEX_STEP(mp4_write_mdhd_tag_update(file, h, vpos, c.duration),
+               "mp4 write index : write video mdhd error\n");
+  } else {
+    INDEX_STEP(
+        write_count("mp4_write_stsc_tag_2_update_buffer", file, h, apos[kAStscCount], c.chunks),
+        "mp4 write index : write audio stsc error\n");
+    INDEX_STEP(mp4_write_trak_tag_2_update(file, h, apos, c.duration),
+               "mp4 write index : write audio thkd error\n");
+    // The media duration is in the track's time scale (the sample rate).
+    INDEX_STEP(mp4_write_mdhd_tag_2_update(file, h, apos, c.media_duration),
+               "mp4 write index : write audio mdhd error\n");
+  }
+  if (!seek_to(kUpdateName, file, h->updatePos->mvhdDurationPos)) {
+    s.add(-1);
+  } else {
+    s.u32(c.movie_duration);
+  }
 }
 
 #undef INDEX_STEP
@@ -384,6 +448,51 @@ bool patch_mdat_size(FILE *file, mp4_handle *h) {
   return true;
 }
 
+int32_t index_enter_chunk(FILE *file, mp4_handle *h, int track, void *head, void *tail,
+                          uint32_t batch_bytes, ChunkCounts &out) {
+  Sink s{file, h->writeStatus};
+  out = ChunkCounts{};
+  out.track = track;
+  if (track == 1) {
+    enter_video(s, h, {static_cast<videoNode *>(head), static_cast<videoNode *>(tail)}, batch_bytes,
+                out);
+  } else {
+    enter_audio(s, h, {static_cast<audioNode *>(head), static_cast<audioNode *>(tail)}, batch_bytes,
+                out);
+  }
+  out.data_end = h->updatePos->dataPos;
+  out.movie_duration = h->maxDuration;
+  return h->writeStatus;
+}
+
+int32_t index_write_counts(FILE *file, mp4_handle *h, const ChunkCounts &c, CountGroup group) {
+  Sink s{file, h->writeStatus};
+  switch (group) {
+    case CountGroup::kSamples:
+      write_samples(s, h, c);
+      break;
+    case CountGroup::kChunks:
+      write_chunks(s, h, c);
+      break;
+    case CountGroup::kRuns:
+      write_runs(s, h, c);
+      break;
+  }
+  return h->writeStatus;
+}
+
+int32_t index_reveal_track(FILE *file, mp4_handle *h, int track) {
+  const uint32_t bit = track == 1 ? kHiddenVideo : kHiddenAudio;
+  if ((h->hiddenTracks & bit) == 0) return h->writeStatus;
+  const uint32_t trak =
+      track == 1 ? h->updatePos->videoPos[kVTrak] : h->updatePos->audioPos[kATrak];
+  Sink s{file, h->writeStatus};
+  if (!seek_to(kUpdateName, file, trak + 4)) return s.add(-1);
+  s.tag("trak");
+  h->hiddenTracks &= ~bit;
+  return s.status();
+}
+
 }  // namespace mp4rec
 
 using namespace mp4rec;
@@ -403,18 +512,19 @@ extern "C" int mp4_write_moov_update_buffer(int track, void *head, void *tail, m
   FILE *file = handle->file;
   Sink s{file, handle->writeStatus};
   const int32_t resume = mp4_ftell(file);
-  if (resume < 0 || !patch_mdat_size(file, handle)) {
+  if (resume < 0) {
     MP4_ERR("mp4 write index : mp4_fseek error\n");
     return -1;
   }
-  if (track == 1) {
-    update_video(__func__, s, handle,
-                 {static_cast<videoNode *>(head), static_cast<videoNode *>(tail)}, batch_bytes);
-  } else if (track == 2) {
-    update_audio(__func__, s, handle,
-                 {static_cast<audioNode *>(head), static_cast<audioNode *>(tail)}, batch_bytes);
-  }
-  if (!patch_mvhd_duration(file, handle)) {
+  if (track == 1 || track == 2) {
+    // One chunk, its steps back to back: after every single write the file is
+    // a valid MP4 whose index describes only bytes already written.
+    ChunkCounts c;
+    index_enter_chunk(file, handle, track, head, tail, batch_bytes, c);
+    for (CountGroup g : {CountGroup::kSamples, CountGroup::kChunks, CountGroup::kRuns})
+      index_write_counts(file, handle, c, g);
+    index_reveal_track(file, handle, track);
+  } else if (!patch_mdat_size(file, handle) || !patch_mvhd_duration(file, handle)) {
     MP4_ERR("mp4 write index : mp4_fseek error\n");
     s.add(-1);
   }

@@ -1,5 +1,6 @@
 // Patch writers of the reserved front index, shared by the batch update
-// (mp4_write_moov_update_buffer) and the per-sample update.
+// (mp4_write_moov_update_buffer), the ordered commit of the data buffer's
+// durable mode and the per-sample update.
 //
 // Each takes the file, the handle and the track's position table, seeks to a
 // recorded position and writes there. It returns the handle's writeStatus after
@@ -39,5 +40,50 @@ int32_t mp4_write_stsd_tag_update(FILE *file, mp4_handle *h, uint32_t *videoPos)
 bool patch_mvhd_duration(FILE *file, mp4_handle *h);
 // Writes mediaBytes + 8 as the mdat size. False when the seek fails.
 bool patch_mdat_size(FILE *file, mp4_handle *h);
+
+// ---- entering one chunk, in the order the card must see it -------------------
+//
+// A chunk reaches the index in four steps. Its table entries go first, behind
+// the counts, where no reader looks yet. Then the counts that make it visible,
+// in three groups that must land in this order for the file to be a valid MP4
+// at every instant:
+//   kSamples  mdat size, stts and stsz counts: sizes for samples that no chunk
+//             claims yet are ignored by readers;
+//   kChunks   stco count (and the stss count, which may then name the new
+//             samples): the new chunk takes the sample count of the track's
+//             last stsc run until its own run is counted;
+//   kRuns     stsc count, then the track durations and the mvhd duration.
+// A track whose trak is still hidden takes all three at once and is revealed
+// after them. mp4_write_moov_update_buffer runs the steps back to back; the
+// durable mode syncs between them.
+
+// The counts and durations that one chunk leaves behind.
+struct ChunkCounts {
+  int track = 0;                // 1 video, 2 audio
+  uint32_t data_end = 0;        // file offset behind the chunk's bytes
+  uint32_t samples = 0;         // stsz count
+  uint32_t times = 0;           // stts count; audio without time stamps: frames of its one entry
+  uint32_t sync_samples = 0;    // stss count (video)
+  uint32_t chunks = 0;          // stco and stsc count
+  uint32_t duration = 0;        // the track's duration fields (ms)
+  uint32_t media_duration = 0;  // audio mdhd: in the track's time scale
+  uint32_t movie_duration = 0;
+};
+
+enum class CountGroup { kSamples, kChunks, kRuns };
+
+// Writes a batch's entries into the track's tables (track 1 video, 2 audio)
+// and moves the handle's running state on; `out` receives what the counts
+// become. Returns writeStatus.
+int32_t index_enter_chunk(FILE *file, mp4_handle *h, int track, void *head, void *tail,
+                          uint32_t batch_bytes, ChunkCounts &out);
+// Writes one group of a chunk's counts. Returns writeStatus.
+int32_t index_write_counts(FILE *file, mp4_handle *h, const ChunkCounts &c, CountGroup group);
+// Makes a hidden track ("free") a "trak"; nothing when it is visible already.
+int32_t index_reveal_track(FILE *file, mp4_handle *h, int track);
+// True while the track's trak is still typed "free".
+inline bool track_hidden(const mp4_handle *h, int track) {
+  return (h->hiddenTracks & (track == 1 ? kHiddenVideo : kHiddenAudio)) != 0;
+}
 
 }  // namespace mp4rec

@@ -1,5 +1,6 @@
 #include "support/box_reader.h"
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -32,6 +33,22 @@ BoxFile::BoxFile(const std::string &path) {
 
 BoxFile::BoxFile(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {
   parse(0, bytes_.size(), top_, 0);
+}
+
+BoxFile BoxFile::revealed(const std::string &path) {
+  return revealed(BoxFile(path).bytes());
+}
+
+BoxFile BoxFile::revealed(std::vector<uint8_t> original) {
+  BoxFile f(std::move(original));
+  const Box *moov = f.find("moov");
+  if (moov == nullptr) return f;
+  std::vector<uint8_t> bytes = f.bytes();
+  for (const Box &b : moov->children) {
+    if (b.type == "free" && b.size >= 16 && f.str(b.offset + 12, 4) == "tkhd")
+      std::copy_n("trak", 4, bytes.begin() + static_cast<long>(b.offset + 4));
+  }
+  return BoxFile(std::move(bytes));
 }
 
 void BoxFile::parse(uint64_t start, uint64_t end, std::vector<Box> &out, int depth) {

@@ -23,6 +23,10 @@ class BoxFile {
  public:
   explicit BoxFile(const std::string &path);
   explicit BoxFile(std::vector<uint8_t> bytes);
+  // The file with its hidden tracks (a moov child "free" holding a tkhd, as a
+  // track is written until its first chunk) read as "trak" boxes.
+  static BoxFile revealed(const std::string &path);
+  static BoxFile revealed(std::vector<uint8_t> bytes);
 
   const std::vector<uint8_t> &bytes() const { return bytes_; }
   const std::vector<Box> &top() const { return top_; }

@@ -38,8 +38,8 @@ uint32_t esds_format(const mp4_mjpeg_ctx &) {
 uint32_t esds_format(const mp4_handle &h) {
   return h.audioFormat;
 }
-bool audio_stts_per_frame(const mp4_handle &) {
-  return audioTimeStampFlag.load(std::memory_order_relaxed) == 1;
+bool audio_stts_per_frame(const mp4_handle &h) {
+  return h.audioTimeStamps == 1;
 }
 
 // --- Durations --------------------------------------------------------------
@@ -358,18 +358,20 @@ int32_t write_head_boxes(Sink &s, Rec &r) {
   return s.add(box::write_free_mdat(s, &r.mdatPos));
 }
 
-// mdat size first (seek there and back), then the moov behind the samples.
+// The moov behind the samples, then the mdat size. Until that last word the
+// mdat runs to the end of the file and hides whatever part of the moov is
+// there, so a cut at any moment leaves either a file without index (which
+// `mp4rec repair` rebuilds) or the finished one, never a broken index.
 template <typename Rec>
 int32_t write_end_boxes(Sink &s, Rec &r) {
   if (!s) return -1;
-  const int32_t pos = s.tell();
-  if (pos < 0) return -1;
-  s.add(box::write_u32_at(s, r.mdatPos, count_of(r.mediaBytes) + 8));
-  s.add(mp4_fseek(s.file(), pos, SEEK_SET));
-  Scope moov(s, "moov");
-  if (!moov.ok()) return -1;
-  s.add(write_children(s, r));
-  return moov.close();
+  {
+    Scope moov(s, "moov");
+    if (!moov.ok()) return -1;
+    s.add(write_children(s, r));
+    s.add(moov.close());
+  }
+  return s.add(box::write_u32_at(s, r.mdatPos, count_of(r.mediaBytes) + 8));
 }
 
 }  // namespace

@@ -32,21 +32,24 @@ int32_t write_index_area(box::Sink &s, mp4_handle &h) {
     MP4_ERR("mp4 add index : index larger than its area\n");
     return -1;
   }
-  s.add(box::write_u32_at(s, h.mdatPos, relaxed(h.mediaBytes) + 8));
   s.add(mp4_fseek(s.file(), static_cast<int>(h.moovPos), SEEK_SET));
-  box::Scope moov(s, "moov");
-  if (!moov.ok()) return -1;
-  const uint32_t left = kIndexAreaEnd - h.moovPos - alt::moov_size(h);
-  s.add(alt::write_moov_children(s, h, left < 8 ? left : 0));
-  if (left >= 8) {
-    s.u32(left);
-    s.tag("free");
+  {
+    box::Scope moov(s, "moov");
+    if (!moov.ok()) return -1;
+    const uint32_t left = kIndexAreaEnd - h.moovPos - alt::moov_size(h);
+    s.add(alt::write_moov_children(s, h, left < 8 ? left : 0));
+    if (left >= 8) {
+      s.u32(left);
+      s.tag("free");
+    }
+    // To the end of the area (result not checked: the size patch reads the
+    // position it reached).
+    const int32_t here = s.tell();
+    mp4_fseek(s.file(), static_cast<int>(kIndexAreaEnd) - here, SEEK_CUR);
+    s.add(moov.close());
   }
-  // To the end of the area (result not checked: the size patch reads the
-  // position it reached).
-  const int32_t here = s.tell();
-  mp4_fseek(s.file(), static_cast<int>(kIndexAreaEnd) - here, SEEK_CUR);
-  return moov.close();
+  // The mdat size last, once the index in front describes every sample.
+  return s.add(box::write_u32_at(s, h.mdatPos, relaxed(h.mediaBytes) + 8));
 }
 
 // One step of the per-sample update: skipped, counting as a failure, once an
@@ -56,20 +59,25 @@ void step(box::Sink &s, Fn &&fn) {
   s.add(s.status() != 0 ? -1 : fn());
 }
 
-// Writes `words` at a table's next free entry, moves the entry on and writes
-// the count: recomputed from the next free entry (entries of `entry_words`
-// words), or `fixed_count` when given.
-int32_t append_entry(box::Sink &s, uint32_t *table, int count_slot, int next_slot,
-                     std::initializer_list<uint32_t> words, uint32_t entry_words,
-                     const uint32_t *fixed_count = nullptr) {
-  FILE *file = s.file();
-  if (mp4_fseek(file, static_cast<int>(table[next_slot]), SEEK_SET) != 0) return -1;
+// Writes `words` at a table's next free entry and moves the entry on. Its
+// count is raised afterwards (write_table_count), once the entries of every
+// table are in place.
+int32_t append_words(box::Sink &s, uint32_t *table, int next_slot,
+                     std::initializer_list<uint32_t> words) {
+  if (mp4_fseek(s.file(), static_cast<int>(table[next_slot]), SEEK_SET) != 0) return -1;
   for (uint32_t w : words) s.u32(w);
   table[next_slot] += 4 * static_cast<uint32_t>(words.size());
+  return s.status();
+}
+
+// Writes a table's count: recomputed from its next free entry (entries of
+// `entry_words` words), or `fixed_count` when given.
+int32_t write_table_count(box::Sink &s, const uint32_t *table, int count_slot, int next_slot,
+                          uint32_t entry_words, const uint32_t *fixed_count = nullptr) {
   const uint32_t count = fixed_count != nullptr
                              ? *fixed_count
                              : (table[next_slot] - table[count_slot] - 4) / 4 / entry_words;
-  if (mp4_fseek(file, static_cast<int>(table[count_slot]), SEEK_SET) != 0) return -1;
+  if (mp4_fseek(s.file(), static_cast<int>(table[count_slot]), SEEK_SET) != 0) return -1;
   s.u32(count);
   return s.status();
 }
@@ -87,8 +95,11 @@ void raise_max_duration(mp4_handle &h, uint32_t d) {
   if (d > h.maxDuration) h.maxDuration = d;
 }
 
-// One video sample: durations, decoder configuration, and one entry in each of
-// stts, stss (IDR only), stsz and stco; every sample is its own chunk.
+// One video sample: decoder configuration and one entry in each of stts,
+// stss (IDR only), stsz and stco; then the counts in the order readers need
+// them (sizes before the chunk that claims them, the chunk before its stsc
+// run, the sync samples not before their samples), then the durations. Every
+// sample is its own chunk.
 void update_video_sample(box::Sink &s, mp4_handle &h, uint32_t value, const videoNode &node) {
   FILE *file = s.file();
   updatePos &pos = *h.updatePos;
@@ -96,32 +107,35 @@ void update_video_sample(box::Sink &s, mp4_handle &h, uint32_t value, const vide
   ++h.videoSampleNumber;
   const uint32_t d = value + kDurationPadMs;
   raise_max_duration(h, d);
-  step(s, [&] { return mp4_write_tkhd_tag_update(file, &h, v, d); });
-  step(s, [&] { return mp4_write_edts_tag_update(file, &h, v, d); });
-  step(s, [&] { return mp4_write_mdhd_tag_update(file, &h, v, d); });
   step(s, [&] { return mp4_write_stsd_tag_update(file, &h, v); });
   // The previous time starts at all-ones, so the first delta is value + 1.
   const uint32_t delta = value - pos.lastVideoTs;
   pos.lastVideoTs = value;
-  step(s, [&] { return append_entry(s, v, kVSttsCount, kVSttsNext, {1, delta}, 2); });
-  if (node.type == 1) {
-    step(s, [&] { return append_entry(s, v, kVStssCount, kVStssNext, {h.videoSampleNumber}, 1); });
-  }
-  step(s, [&] { return one_sample_per_chunk(s, v[kVStscCount]); });
-  step(s, [&] { return append_entry(s, v, kVStszCount, kVStszNext, {node.size}, 1); });
+  const bool idr = node.type == 1;
+  step(s, [&] { return append_words(s, v, kVSttsNext, {1, delta}); });
+  if (idr) step(s, [&] { return append_words(s, v, kVStssNext, {h.videoSampleNumber}); });
+  step(s, [&] { return append_words(s, v, kVStszNext, {node.size}); });
   const uint32_t offset = pos.dataPos;
   v[kVChunkOffset] = offset;
   pos.dataPos += node.size;
-  step(s, [&] { return append_entry(s, v, kVStcoCount, kVStcoNext, {offset}, 1); });
+  step(s, [&] { return append_words(s, v, kVStcoNext, {offset}); });
+  step(s, [&] { return write_table_count(s, v, kVSttsCount, kVSttsNext, 2); });
+  step(s, [&] { return write_table_count(s, v, kVStszCount, kVStszNext, 1); });
+  step(s, [&] { return write_table_count(s, v, kVStcoCount, kVStcoNext, 1); });
+  if (idr) step(s, [&] { return write_table_count(s, v, kVStssCount, kVStssNext, 1); });
+  step(s, [&] { return one_sample_per_chunk(s, v[kVStscCount]); });
+  step(s, [&] { return mp4_write_tkhd_tag_update(file, &h, v, d); });
+  step(s, [&] { return mp4_write_edts_tag_update(file, &h, v, d); });
+  step(s, [&] { return mp4_write_mdhd_tag_update(file, &h, v, d); });
 }
 
-// One audio frame: durations, stts, and one entry in stsz and stco, whose
-// counts follow the frames accepted.
+// One audio frame: stts, and one entry in stsz and stco, whose counts follow
+// the frames accepted; then the durations.
 void update_audio_frame(box::Sink &s, mp4_handle &h, uint32_t value, uint32_t frame_size) {
   FILE *file = s.file();
   updatePos &pos = *h.updatePos;
   uint32_t *a = pos.audioPos;
-  const bool stamped = audioTimeStampFlag.load(std::memory_order_relaxed) == 1;
+  const bool stamped = h.audioTimeStamps == 1;
   const uint32_t frames = relaxed(h.audioCount);
   uint32_t d = value + kDurationPadMs;
   if (!stamped) d = h.audioKHz != 0 ? frames * h.audioFrameSamples / h.audioKHz : 0;
@@ -133,10 +147,14 @@ void update_audio_frame(box::Sink &s, mp4_handle &h, uint32_t value, uint32_t fr
   if (stamped) {
     pos.lastAudioTs = value;
     a[kASttsDuration] += delta;
+    step(s, [&] { return append_words(s, a, kASttsNext, {1, delta}); });
   }
   const uint32_t samples_duration = stamped ? a[kASttsDuration] : frames * h.audioFrameSamples;
-  step(s, [&] { return mp4_write_trak_tag_2_update(file, &h, a, d); });
-  step(s, [&] { return mp4_write_mdhd_tag_2_update(file, &h, a, samples_duration); });
+  step(s, [&] { return append_words(s, a, kAStszNext, {frame_size}); });
+  const uint32_t offset = pos.dataPos;
+  a[kAChunkOffset] = offset;
+  pos.dataPos += frame_size;
+  step(s, [&] { return append_words(s, a, kAStcoNext, {offset}); });
   if (!stamped) {
     step(s, [&] {
       if (mp4_fseek(file, static_cast<int>(a[kASttsCount] + 4), SEEK_SET) != 0) return -1;
@@ -145,14 +163,13 @@ void update_audio_frame(box::Sink &s, mp4_handle &h, uint32_t value, uint32_t fr
       return s.status();
     });
   } else {
-    step(s, [&] { return append_entry(s, a, kASttsCount, kASttsNext, {1, delta}, 2); });
+    step(s, [&] { return write_table_count(s, a, kASttsCount, kASttsNext, 2); });
   }
+  step(s, [&] { return write_table_count(s, a, kAStszCount, kAStszNext, 1, &frames); });
+  step(s, [&] { return write_table_count(s, a, kAStcoCount, kAStcoNext, 1, &frames); });
   step(s, [&] { return one_sample_per_chunk(s, a[kAStscCount]); });
-  step(s, [&] { return append_entry(s, a, kAStszCount, kAStszNext, {frame_size}, 1, &frames); });
-  const uint32_t offset = pos.dataPos;
-  a[kAChunkOffset] = offset;
-  pos.dataPos += frame_size;
-  step(s, [&] { return append_entry(s, a, kAStcoCount, kAStcoNext, {offset}, 1, &frames); });
+  step(s, [&] { return mp4_write_trak_tag_2_update(file, &h, a, d); });
+  step(s, [&] { return mp4_write_mdhd_tag_2_update(file, &h, a, samples_duration); });
 }
 
 // Entries already in a reserved table, from its next free entry.
@@ -203,6 +220,8 @@ extern "C" int mp4_write_moov_update(int kind, int value, videoNode *node, mp4_h
     update_audio_frame(s, *h, static_cast<uint32_t>(value), static_cast<uint32_t>(frame_size));
   }
   step(s, [&] { return patch_mvhd_duration(file, h) ? s.status() : -1; });
+  // A track's first sample makes its trak appear.
+  if (kind == 1 || kind == 2) step(s, [&] { return index_reveal_track(file, h, kind); });
   s.add(mp4_fseek(file, resume, SEEK_SET));
   return h->writeStatus;
 }

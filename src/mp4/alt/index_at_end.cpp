@@ -92,6 +92,8 @@ extern "C" mp4_handle *mp4_write_head_h264(const char *mp4_path, const char *mp2
   // No index area in front: mp4_write_add_index refuses this handle rather
   // than write an index over the head of the file.
   h->moovPos = alt::kNoIndexArea;
+  // The audio time-stamp mode is this file's from its head on.
+  h->audioTimeStamps = audioTimeStampFlag.load(std::memory_order_relaxed) == 1 ? 1 : 0;
 
   if (mp4_path == nullptr || mp2_tmp_path == nullptr) {
     MP4_ERR("mp4 open write head : file path error\n");
