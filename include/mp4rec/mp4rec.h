@@ -140,6 +140,22 @@ MP4REC_API int mp4_session_free(mp4_session *session);
 MP4REC_API int mp4_write_register(mp4_base *base, void (*cb)(void *), void *user_data);
 MP4REC_API mp4_stream_info *mp4_create_stream_info(void);
 
+/* How the index of the session's H.264 files (index in front) reaches the
+ * card, for every file of the session from the next node written on:
+ *   mode 0: each batch's index update follows its bytes at once as plain
+ *           writes. A killed process leaves a valid file up to the last
+ *           batch; after a power cut the card may hold index words whose
+ *           samples never landed (mp4rec repair mends such a file).
+ *   mode 1 (default): at most once per interval_ms (0: 1000 ms) and at close,
+ *           a commit syncs the batches written since the last one, then their
+ *           index, in an order that keeps the file valid whatever part of the
+ *           index writes reaches the card before power fails. A power cut
+ *           loses at most what was written since the last commit (mp4rec
+ *           repair recovers its whole video samples).
+ * The finished file is the same in both modes. 0, or -1 for a null session
+ * or a mode or interval out of range. */
+MP4REC_API int mp4_set_durability(mp4_session *session, int mode, int interval_ms);
+
 /* ------------------------------------------------------------------------ */
 /* Pre-open thread                                                           */
 /* ------------------------------------------------------------------------ */

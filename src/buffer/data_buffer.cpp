@@ -209,6 +209,7 @@ int mp4_write_data_buffer_init(mp4_data_buffer *data, FILE *video_file, FILE *au
   data->write_queue = nullptr;
   data->record_time_arg = nullptr;
   data->record_time_cb = nullptr;
+  durability_discard(data->durability);  // chunks of an abandoned file
   data->video_queue = nullptr;
   for (int i = 0; i < 3; ++i) rebind_node(data, data->bufnode[i], &data->video_queue);
   data->audio_queue = nullptr;
@@ -250,6 +251,7 @@ int mp4_write_data_buffer_delete(mp4_data_buffer *data) {
     DataBuffer_FreeVideoTrack(node);
     DataBuffer_FreeAACTrack(node);
   }
+  durability_discard(data->durability);
   release(data, Setup{true, true, true});
   return 0;
 }

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "buffer/durability.h"
 #include "buffer/stall.h"
 #include "common/internal.h"
 
@@ -84,6 +85,8 @@ struct mp4_data_buffer {
   void *kept_handler;
   // Video nodes holding grown storage right now (at most one).
   std::atomic<int32_t> grown_nodes;
+  // How the index of this buffer's files reaches the card (mp4_set_durability).
+  mp4rec::Durability durability;
 };
 
 static_assert(sizeof(std::atomic<int32_t>) == sizeof(int32_t));

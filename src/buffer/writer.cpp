@@ -8,31 +8,12 @@
 #include <cstring>
 
 #include "buffer/data_buffer.h"
+#include "buffer/durability.h"
 #include "mp4/handle.h"
 
 using namespace mp4rec;
 
 namespace {
-
-// Brings the index up to date for the frames of a node whose bytes are now in
-// the file. False when the update of a file's index failed: that index stays
-// as it was before this node and nothing more is entered into it.
-bool update_index(mp4_buffer_node *node, int media_type) {
-  if (media_type != kMediaVideo && media_type != kMediaAudio) {
-    MP4_LOG_AS("DataBuffer_fwrite", kLogError, kModRecorder, "data type error\n");
-    return true;
-  }
-  const bool video = media_type == kMediaVideo;
-  const int r = video ? mp4_write_moov_update_buffer(1, node->nal_head, node->nal_tail, node->mp4,
-                                                     node->data_len)
-                      : mp4_write_moov_update_buffer(2, node->aac_head, node->aac_tail, node->mp4,
-                                                     node->data_len);
-  if (r == 0) return true;
-  MP4_LOG_AS("DataBuffer_fwrite", kLogError, kModRecorder,
-             video ? "write video index error\n" : "write audio index error\n");
-  // A node without a file (the calls without index) has nothing to enter.
-  return node->mp4 == nullptr;
-}
 
 // Empties a written node and returns it to the tail of its own queue
 // (queue_lock held).
@@ -114,8 +95,10 @@ int DataBuffer_fwrite(mp4_buffer_node *node, FILE *file, int media_type) {
       MP4_ERR("ferror, stop writing! error:%s\n", std::strerror(errno));
       return -2;
     }
+    // The index follows the node's bytes, at once or at the durable mode's
+    // next commit.
     if (static_cast<uint32_t>(r) == n && std::fflush(file) == 0)
-      return update_index(node, media_type) ? 0 : -2;
+      return durability_node_written(node, media_type) ? 0 : -2;
     if (errno == EBADF) {
       MP4_LOG38(kLogError, "[%d] ret:%d error(%d):%s\n\n", r, errno, std::strerror(errno));
       return -2;
@@ -203,12 +186,15 @@ int mp4_write_data_buffer_finish(mp4_data_buffer *data) {
     if (empty && handed) {
       // As before the writer thread did the last writes: each queue holds its
       // old head alone until the next init.
-      MutexLock lock(data->queue_lock);
-      data->video_queue = heads[0];
-      data->audio_queue = heads[1];
-      for (mp4_buffer_node *head : heads)
-        if (head != nullptr) head->next = nullptr;
-      return 0;
+      {
+        MutexLock lock(data->queue_lock);
+        data->video_queue = heads[0];
+        data->audio_queue = heads[1];
+        for (mp4_buffer_node *head : heads)
+          if (head != nullptr) head->next = nullptr;
+      }
+      // The durable mode committed with the last nodes; nothing waits now.
+      return durability_finish(data);
     }
     if (empty) {
       const int64_t polls = (monotonic_ms() - start) / (kQueueTopPauseUs / 1000);

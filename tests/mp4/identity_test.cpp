@@ -34,25 +34,32 @@ TEST_P(FinishedBytes, AreThoseOfTheWritersBeforeTheRework) {
   EXPECT_EQ(testsupport::digest_without_times(testsupport::read_file(mp4)), c.digest);
 }
 
+// Digests of the files as the writers made them before the rework.
+constexpr const char *kFront = "aab56702c9c1f0ae25b277eccdae0e36c42ff11b80c4a9622da9cab236ce53e3";
+constexpr const char *kFrontHolesStamped =
+    "e1ad36cd8aec6a80c549ecc0cb38a36ae47651b8b70ecf24dbc4e1d2e545f20c";
+constexpr const char *kFrontBigNodes =
+    "9d875ed0ca66f39b7b965a1fd3309b6c1db86dfe930024c19f99e1d298499ce5";
+constexpr const char *kMjpeg = "6d2d443ed6710fce927c3de56ad2c582b3f12188e9c1281432a59c47c4919110";
+constexpr const char *kAtEnd = "f06d47f8647418a5338e134c6601dc6419955538cd659f0346416186a8311348";
+
+constexpr FrontRoad kHolesStamped{.prealloc = true, .time_stamps = true};
+
+// The durable mode commits at its own pace (here after every node, or only at
+// the close); the finished file is the same.
 INSTANTIATE_TEST_SUITE_P(
     Writers, FinishedBytes,
     ::testing::Values(
+        Finished{"front", 'f', {}, kFront},
+        Finished{"front_holes_stamped", 'f', kHolesStamped, kFrontHolesStamped},
         Finished{
-            "front", 'f', {}, "aab56702c9c1f0ae25b277eccdae0e36c42ff11b80c4a9622da9cab236ce53e3"},
-        Finished{"front_prealloc_stamped",
+            "front_big_nodes", 'f', {.video_node = 262144, .audio_node = 16384}, kFrontBigNodes},
+        Finished{"durable_every_node", 'f', {.durability = 1, .interval_ms = 1}, kFront},
+        Finished{"durable_at_close",
                  'f',
-                 {.prealloc = true, .time_stamps = true},
-                 "e1ad36cd8aec6a80c549ecc0cb38a36ae47651b8b70ecf24dbc4e1d2e545f20c"},
-        Finished{"front_big_nodes",
-                 'f',
-                 {.video_node = 262144, .audio_node = 16384},
-                 "9d875ed0ca66f39b7b965a1fd3309b6c1db86dfe930024c19f99e1d298499ce5"},
-        Finished{
-            "mjpeg", 'j', {}, "6d2d443ed6710fce927c3de56ad2c582b3f12188e9c1281432a59c47c4919110"},
-        Finished{"index_at_end",
-                 'e',
-                 {},
-                 "f06d47f8647418a5338e134c6601dc6419955538cd659f0346416186a8311348"}),
+                 {.prealloc = true, .time_stamps = true, .durability = 1, .interval_ms = 600000},
+                 kFrontHolesStamped},
+        Finished{"mjpeg", 'j', {}, kMjpeg}, Finished{"index_at_end", 'e', {}, kAtEnd}),
     [](const auto &info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -52,7 +52,9 @@ std::string record_front_index(const std::string &mp4, const std::string &mp2, c
   mp4_handle *h = mp4_write_head_h264_index(mp4.c_str(), mp2.c_str(), 320, 240, 3, info.get());
   if (h == nullptr) return "no head";
   mp4_data_buffer *data = mp4_write_data_buffer_create(road.video_node, road.audio_node);
-  if (data == nullptr || mp4_set_data_buffer(h, data) != 0) {
+  if (data == nullptr ||
+      !mp4rec::durability_set(data->durability, road.durability, road.interval_ms) ||
+      mp4_set_data_buffer(h, data) != 0) {
     free_mp4_h264(h);
     mp4_write_data_buffer_delete(data);
     return "no data buffer";
@@ -103,6 +105,7 @@ std::string record_mjpeg(const std::string &mp4, const std::string &mp2, int pic
 
 std::string record_index_at_end(const std::string &mp4, const std::string &mp2,
                                 const AvFeed &feed) {
+  audioTimeStampFlag.store(0);  // this writer's head takes the process-wide flag
   mp4_handle *h = mp4_write_head_h264(mp4.c_str(), mp2.c_str(), 320, 240, 3);
   if (h == nullptr) return "no head";
   for (const auto &u : feed.units) {

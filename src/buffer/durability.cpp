@@ -1,0 +1,220 @@
+// The two ways the front-index road's index reaches the card (see
+// durability.h), and the ordered commit of mode 1.
+#include "buffer/durability.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "buffer/card.h"
+#include "buffer/data_buffer.h"
+#include "mp4/index_update.h"
+
+namespace mp4rec {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr const char *kWriterName = "DataBuffer_fwrite";
+
+void log_index_error(int track) {
+  MP4_LOG_AS(kWriterName, kLogError, kModRecorder,
+             track == 1 ? "write video index error\n" : "write audio index error\n");
+}
+
+// Mode 0: the node's index update right behind its bytes. False when the
+// update of a file's index failed.
+bool update_now(mp4_buffer_node *node, int media_type) {
+  if (media_type != kMediaVideo && media_type != kMediaAudio) {
+    MP4_LOG_AS(kWriterName, kLogError, kModRecorder, "data type error\n");
+    return true;
+  }
+  const bool video = media_type == kMediaVideo;
+  const int r = video ? mp4_write_moov_update_buffer(1, node->nal_head, node->nal_tail, node->mp4,
+                                                     node->data_len)
+                      : mp4_write_moov_update_buffer(2, node->aac_head, node->aac_tail, node->mp4,
+                                                     node->data_len);
+  if (r == 0) return true;
+  log_index_error(video ? 1 : 2);
+  // A node without a file (the calls without index) has nothing to enter.
+  return node->mp4 == nullptr;
+}
+
+void free_records(PendingChunk &p) {
+  if (p.track == 1) {
+    auto *head = static_cast<videoNode *>(p.head), *tail = static_cast<videoNode *>(p.tail);
+    list_free(head, tail);
+  } else {
+    auto *head = static_cast<audioNode *>(p.head), *tail = static_cast<audioNode *>(p.tail);
+    list_free(head, tail);
+  }
+  p.head = p.tail = nullptr;
+}
+
+// One step of a track's lane in a commit: a group of a chunk's counts, all of
+// them at once (a hidden track), or the word that reveals the track.
+struct Step {
+  enum Kind { kGroup, kAll, kReveal } kind;
+  const ChunkCounts *counts;
+  CountGroup group;
+};
+
+class Commit {
+ public:
+  Commit(Durability &d, mp4_handle *h, bool durable) : d_(d), h_(h), durable_(durable) {}
+
+  // False when the card refused a sync; the commit then goes on as plain
+  // writes, in the same order.
+  bool run() {
+    FILE *file = h_->file;
+    const int32_t resume = mp4_ftell(file);
+    const bool hidden[3] = {false, track_hidden(h_, 1), track_hidden(h_, 2)};
+    std::vector<ChunkCounts> counts(d_.pending.size());
+    uint32_t data_end = 0;
+    for (size_t i = 0; i < d_.pending.size(); ++i) {
+      const PendingChunk &p = d_.pending[i];
+      const int32_t before = h_->writeStatus;
+      index_enter_chunk(file, h_, p.track, p.head, p.tail, p.bytes, counts[i]);
+      if (h_->writeStatus != 0 && before == 0) log_index_error(p.track);
+      data_end = std::max(data_end, counts[i].data_end);
+    }
+    // The mdat covers every byte synced with the entries, whichever chunk's
+    // counts land first.
+    for (auto &c : counts) c.data_end = data_end;
+    sync();
+
+    std::vector<Step> lanes[3];
+    for (int track : {1, 2}) {
+      const ChunkCounts *last = nullptr;
+      for (const auto &c : counts) {
+        if (c.track != track) continue;
+        last = &c;
+        if (hidden[track]) continue;
+        for (CountGroup g : {CountGroup::kSamples, CountGroup::kChunks, CountGroup::kRuns})
+          lanes[track].push_back({Step::kGroup, &c, g});
+      }
+      if (last != nullptr && hidden[track]) {
+        lanes[track].push_back({Step::kAll, last, CountGroup::kSamples});
+        lanes[track].push_back({Step::kReveal, last, CountGroup::kSamples});
+      }
+    }
+    const size_t epochs = std::max(lanes[1].size(), lanes[2].size());
+    for (size_t e = 0; e < epochs; ++e) {
+      for (int track : {1, 2})
+        if (e < lanes[track].size()) run_step(file, track, lanes[track][e]);
+      if (e + 1 == epochs) patch_mvhd_duration(file, h_);  // the longest track so far
+      sync();
+    }
+    mp4_fseek(file, resume, SEEK_SET);
+    return ok_;
+  }
+
+ private:
+  void run_step(FILE *file, int track, const Step &s) {
+    switch (s.kind) {
+      case Step::kGroup:
+        index_write_counts(file, h_, *s.counts, s.group);
+        break;
+      case Step::kAll:
+        for (CountGroup g : {CountGroup::kSamples, CountGroup::kChunks, CountGroup::kRuns})
+          index_write_counts(file, h_, *s.counts, g);
+        break;
+      case Step::kReveal:
+        index_reveal_track(file, h_, track);
+        break;
+    }
+  }
+
+  void sync() {
+    if (!durable_ || !ok_) return;
+    ++d_.syncs;
+    if (card::sync(h_->file) != 0) {
+      MP4_ERR("durable commit: card sync failed: %s\n", std::strerror(errno));
+      ok_ = false;
+    }
+  }
+
+  Durability &d_;
+  mp4_handle *h_;
+  bool durable_;
+  bool ok_ = true;
+};
+
+// Enters every waiting chunk; false when a sync failed.
+bool commit(Durability &d, bool durable) {
+  if (d.pending.empty()) return true;
+  d.last_commit = Clock::now();
+  d.committed_once = true;
+  const bool ok = Commit(d, d.pending.front().handle, durable).run();
+  for (auto &p : d.pending) free_records(p);
+  d.pending.clear();
+  ++d.commits;
+  return ok;
+}
+
+}  // namespace
+
+bool durability_set(Durability &d, int mode, int interval_ms) {
+  if ((mode != kDurabilityKill && mode != kDurabilityPower) || interval_ms < 0) return false;
+  d.mode.store(mode, std::memory_order_relaxed);
+  d.interval_ms.store(interval_ms == 0 ? kDefaultCommitIntervalMs : interval_ms,
+                      std::memory_order_relaxed);
+  return true;
+}
+
+bool durability_node_written(mp4_buffer_node *node, int media_type) {
+  mp4_handle *h = node->mp4;
+  mp4_data_buffer *data = h != nullptr ? h->dataBuffer : nullptr;
+  const bool video = media_type == kMediaVideo;
+  void *head = video ? static_cast<void *>(node->nal_head) : static_cast<void *>(node->aac_head);
+  if (data == nullptr || (!video && media_type != kMediaAudio) || head == nullptr) {
+    // Keep the chunks in file order.
+    if (data != nullptr && !commit(data->durability, false)) return false;
+    return update_now(node, media_type);
+  }
+  Durability &d = data->durability;
+  const int mode = d.mode.load(std::memory_order_relaxed);
+  if (mode == kDurabilityKill && d.pending.empty()) return update_now(node, media_type);
+  // The records now belong to the commit; the node is recycled without them.
+  PendingChunk p{h, video ? 1 : 2, head, nullptr, node->data_len};
+  if (video) {
+    p.tail = node->nal_tail;
+    node->nal_head = node->nal_tail = nullptr;
+  } else {
+    p.tail = node->aac_tail;
+    node->aac_head = node->aac_tail = nullptr;
+  }
+  d.pending.push_back(p);
+  const auto interval = std::chrono::milliseconds(d.interval_ms.load(std::memory_order_relaxed));
+  if (mode == kDurabilityKill || node->for_finish != 0 || !d.committed_once ||
+      Clock::now() - d.last_commit >= interval) {
+    // A failed sync or index write is a card error, as a failed data write.
+    if (!commit(d, mode == kDurabilityPower) || h->writeStatus != 0) return false;
+  }
+  return true;
+}
+
+int durability_finish(mp4_data_buffer *data) {
+  Durability &d = data->durability;
+  return commit(d, d.mode.load(std::memory_order_relaxed) == kDurabilityPower) ? 0 : -2;
+}
+
+void durability_discard(Durability &d) {
+  for (auto &p : d.pending) free_records(p);
+  d.pending.clear();
+  d.committed_once = false;
+}
+
+}  // namespace mp4rec
+
+using namespace mp4rec;
+
+extern "C" MP4REC_API int mp4_set_durability(mp4_session *session, int mode, int interval_ms) {
+  if (session == nullptr || session->data_buffer == nullptr ||
+      !durability_set(session->data_buffer->durability, mode, interval_ms)) {
+    MP4_ERR("mp4 set durability : param error\n");
+    return -1;
+  }
+  return 0;
+}
