@@ -9,9 +9,8 @@
 // Written nodes wait; at most once per interval (and at close) a commit syncs
 // their bytes, writes their table entries behind the counts, syncs, and then
 // raises the counts chunk by chunk with a sync after each group that must
-// land before the next (sizes, then the chunk, then its stsc run and the
-// durations; a hidden track's counts at once, then the word that reveals
-// it). Whatever subset of the writes between two syncs reaches the card, the
+// land before the next (durations and sizes, then the chunk, then its stsc
+// run; a hidden track's counts at once, then the word that reveals it). Whatever subset of the writes between two syncs reaches the card, the
 // file is valid and indexes only bytes that were synced before. Each node
 // still becomes its own chunk, so the finished file is the same in both modes.
 #pragma once

@@ -1,8 +1,8 @@
 // In-place update of the reserved front index after every batch of samples
 // that reaches the file. Each batch becomes one chunk: its entries are
 // appended behind the tables' counts first, where no reader looks, then the
-// counts are raised in the order readers need (sizes before the chunk that
-// claims them, the chunk before its stsc run, durations last), so that a cut
+// counts are raised in the order readers need (durations and sizes before the
+// chunk that claims them, the chunk before its stsc run), so that a cut
 // after any single write leaves a valid file whose index describes only bytes
 // already written. A track's first chunk is entered while its trak is still
 // hidden; one word then makes the track appear.
@@ -281,6 +281,33 @@ int32_t write_count(const char *name, FILE *file, mp4_handle *h, uint32_t pos, u
   return patch_word(name, file, h, pos, value);
 }
 
+// Durations first: an edit list that ended before the newest samples would
+// hide them from readers that honour it (and not from those that give up on
+// the index), so the time of a chunk is declared before its samples are.
+void write_durations(Sink &s, mp4_handle *h, const ChunkCounts &c) {
+  FILE *file = s.file();
+  uint32_t *vpos = h->updatePos->videoPos, *apos = h->updatePos->audioPos;
+  if (c.track == 1) {
+    INDEX_STEP(mp4_write_tkhd_tag_update(file, h, vpos, c.duration),
+               "mp4 write index : write video thkd error\n");
+    INDEX_STEP(mp4_write_edts_tag_update(file, h, vpos, c.duration),
+               "mp4 write index : write video edts error\n");
+    INDEX_STEP(mp4_write_mdhd_tag_update(file, h, vpos, c.duration),
+               "mp4 write index : write video mdhd error\n");
+  } else {
+    INDEX_STEP(mp4_write_trak_tag_2_update(file, h, apos, c.duration),
+               "mp4 write index : write audio thkd error\n");
+    // The media duration is in the track's time scale (the sample rate).
+    INDEX_STEP(mp4_write_mdhd_tag_2_update(file, h, apos, c.media_duration),
+               "mp4 write index : write audio mdhd error\n");
+  }
+  if (!seek_to(kUpdateName, file, h->updatePos->mvhdDurationPos)) {
+    s.add(-1);
+  } else {
+    s.u32(c.movie_duration);
+  }
+}
+
 void write_samples(Sink &s, mp4_handle *h, const ChunkCounts &c) {
   FILE *file = s.file();
   uint32_t *vpos = h->updatePos->videoPos, *apos = h->updatePos->audioPos;
@@ -290,6 +317,7 @@ void write_samples(Sink &s, mp4_handle *h, const ChunkCounts &c) {
   } else {
     s.u32(c.data_end - h->mdatPos);
   }
+  write_durations(s, h, c);
   if (c.track == 1) {
     INDEX_STEP(write_count("mp4_write_stts_tag_update_buffer", file, h, vpos[kVSttsCount], c.times),
                "mp4 write index : write video stts error\n");
@@ -345,26 +373,10 @@ void write_runs(Sink &s, mp4_handle *h, const ChunkCounts &c) {
     INDEX_STEP(
         write_count("mp4_write_stsc_tag_update_buffer", file, h, vpos[kVStscCount], c.chunks),
         "mp4 write index : write video stsc error\n");
-    INDEX_STEP(mp4_write_tkhd_tag_update(file, h, vpos, c.duration),
-               "mp4 write index : write video thkd error\n");
-    INDEX_STEP(mp4_write_edts_tag_update(file, h, vpos, c.duration),
-               "mp4 write index : write video edts error\n");
-    INDEX_STEP(mp4_write_mdhd_tag_update(file, h, vpos, c.duration),
-               "mp4 write index : write video mdhd error\n");
   } else {
     INDEX_STEP(
         write_count("mp4_write_stsc_tag_2_update_buffer", file, h, apos[kAStscCount], c.chunks),
         "mp4 write index : write audio stsc error\n");
-    INDEX_STEP(mp4_write_trak_tag_2_update(file, h, apos, c.duration),
-               "mp4 write index : write audio thkd error\n");
-    // The media duration is in the track's time scale (the sample rate).
-    INDEX_STEP(mp4_write_mdhd_tag_2_update(file, h, apos, c.media_duration),
-               "mp4 write index : write audio mdhd error\n");
-  }
-  if (!seek_to(kUpdateName, file, h->updatePos->mvhdDurationPos)) {
-    s.add(-1);
-  } else {
-    s.u32(c.movie_duration);
   }
 }
 

@@ -44,15 +44,16 @@ bool patch_mdat_size(FILE *file, mp4_handle *h);
 // ---- entering one chunk, in the order the card must see it -------------------
 //
 // A chunk reaches the index in four steps. Its table entries go first, behind
-// the counts, where no reader looks yet. Then the counts that make it visible,
+// the counts, where no reader looks yet. Then the words that make it visible,
 // in three groups that must land in this order for the file to be a valid MP4
 // at every instant:
-//   kSamples  mdat size, stts and stsz counts: sizes for samples that no chunk
-//             claims yet are ignored by readers;
+//   kSamples  mdat size, the track and movie durations (an edit list that
+//             ended before the newest samples would hide them), stts and stsz
+//             counts: sizes for samples that no chunk claims yet are ignored;
 //   kChunks   stco count (and the stss count, which may then name the new
 //             samples): the new chunk takes the sample count of the track's
 //             last stsc run until its own run is counted;
-//   kRuns     stsc count, then the track durations and the mvhd duration.
+//   kRuns     stsc count.
 // A track whose trak is still hidden takes all three at once and is revealed
 // after them. mp4_write_moov_update_buffer runs the steps back to back; the
 // durable mode syncs between them.

@@ -27,7 +27,7 @@ TEST_P(FinishedBytes, AreThoseOfTheWritersBeforeTheRework) {
   std::string error;
   if (c.writer == 'f')
     error = testsupport::record_front_index(mp4, mp2, testsupport::sample_feed(), c.road);
-  if (c.writer == 'j') error = testsupport::record_mjpeg(mp4, mp2, 60);
+  if (c.writer == 'j') error = testsupport::record_mjpeg(mp4, mp2, testsupport::synthetic_pictures(60));
   if (c.writer == 'e')
     error = testsupport::record_index_at_end(mp4, mp2, testsupport::sample_feed());
   ASSERT_EQ(error, "");

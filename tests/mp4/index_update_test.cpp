@@ -417,14 +417,14 @@ TEST(IndexUpdate, FailedWritesLogEveryStepAndCarryOn) {
   EXPECT_NE(mp4_write_moov_update_buffer(1, batch.head(), batch.tail(), rec.h.get(), 20), 0);
   std::vector<std::string> texts;
   for (const auto &e : log.entries()) texts.push_back(e.text);
-  // Each step logs once, in the order of the writes: each table's count once
-  // its entries are in, then the durations. The decoder configuration comes
-  // first and writes nothing without SPS and PPS, so it does not fail.
+  // Each step logs once, in the order of the writes: the durations, then
+  // each table's count once its entries are in. The decoder configuration
+  // comes first and writes nothing without SPS and PPS, so it does not fail.
   const std::vector<std::string> expect = {
-      "mp4 write index : write video stts error\n", "mp4 write index : write video stsz error\n",
-      "mp4 write index : write video stco error\n", "mp4 write index : write video stss error\n",
-      "mp4 write index : write video stsc error\n", "mp4 write index : write video thkd error\n",
-      "mp4 write index : write video edts error\n", "mp4 write index : write video mdhd error\n"};
+      "mp4 write index : write video thkd error\n", "mp4 write index : write video edts error\n",
+      "mp4 write index : write video mdhd error\n", "mp4 write index : write video stts error\n",
+      "mp4 write index : write video stsz error\n", "mp4 write index : write video stco error\n",
+      "mp4 write index : write video stss error\n", "mp4 write index : write video stsc error\n"};
   EXPECT_EQ(texts, expect);
   // The steps still moved on: the batch counts as entered.
   EXPECT_EQ(rec.h->videoSampleNumber, 2u);

@@ -12,6 +12,7 @@ extern "C" {
 #include "buffer/data_buffer.h"
 #include "mp4/handle.h"
 #include "support/box_reader.h"
+#include "support/side_file.h"
 
 namespace testsupport {
 
@@ -76,24 +77,33 @@ std::string record_front_index(const std::string &mp4, const std::string &mp2, c
   return error;
 }
 
-std::string record_mjpeg(const std::string &mp4, const std::string &mp2, int pictures) {
+std::vector<std::vector<uint8_t>> synthetic_pictures(int n) {
+  std::vector<std::vector<uint8_t>> out;
+  for (int i = 0; i < n; ++i) {
+    std::vector<uint8_t> picture{0xFF, 0xD8};
+    for (int k = 0; k < 900 + 37 * (i % 11); ++k) {
+      const auto b = static_cast<uint8_t>(k * 7 + i);
+      picture.push_back(b == 0xFF ? 0xFE : b);
+    }
+    picture.push_back(0xFF);
+    picture.push_back(0xD9);
+    out.push_back(std::move(picture));
+  }
+  return out;
+}
+
+std::string record_mjpeg(const std::string &mp4, const std::string &mp2,
+                         const std::vector<std::vector<uint8_t>> &pictures) {
   mp4_mjpeg_ctx *ctx = mp4_write_head_jpeg(mp4.c_str(), mp2.c_str(), 320, 240, 2);
   if (ctx == nullptr) return "no head";
   std::vector<uint8_t> pcm(2304);
-  for (int i = 0; i < pictures; ++i) {
-    std::vector<uint8_t> picture{0xFF, 0xD8};
-    for (int k = 0; k < 900 + 37 * (i % 11); ++k)
-      picture.push_back(static_cast<uint8_t>(k * 7 + i));
-    for (auto &b : picture)
-      if (b == 0xFF) b = 0xFE;
-    picture[0] = 0xFF;
-    picture.push_back(0xFF);
-    picture.push_back(0xD9);
-    if (mp4_write_one_jpeg(picture.data(), static_cast<int>(picture.size()), 1000 + 40 * i, ctx) !=
-        0)
+  for (size_t i = 0; i < pictures.size(); ++i) {
+    auto picture = pictures[i];
+    if (mp4_write_one_jpeg(picture.data(), static_cast<int>(picture.size()),
+                           1000 + 40 * static_cast<int>(i), ctx) != 0)
       return "picture refused";
     for (size_t k = 0; k < pcm.size(); k += 2) {
-      const int v = static_cast<int>((k + 64 * static_cast<size_t>(i)) % 200) * 100 - 10000;
+      const int v = static_cast<int>((k + 64 * i) % 200) * 100 - 10000;
       pcm[k] = static_cast<uint8_t>(v & 0xFF);
       pcm[k + 1] = static_cast<uint8_t>((v >> 8) & 0xFF);
     }
@@ -103,8 +113,8 @@ std::string record_mjpeg(const std::string &mp4, const std::string &mp2, int pic
   return mp4_write_end_jpeg(ctx) == 0 ? "" : "end failed";
 }
 
-std::string record_index_at_end(const std::string &mp4, const std::string &mp2,
-                                const AvFeed &feed) {
+std::string record_index_at_end(const std::string &mp4, const std::string &mp2, const AvFeed &feed,
+                                bool whole_frames) {
   audioTimeStampFlag.store(0);  // this writer's head takes the process-wide flag
   mp4_handle *h = mp4_write_head_h264(mp4.c_str(), mp2.c_str(), 320, 240, 3);
   if (h == nullptr) return "no head";
@@ -117,6 +127,7 @@ std::string record_index_at_end(const std::string &mp4, const std::string &mp2,
     }
   }
   for (const auto &frame : split_adts(read_file(sample_path("sample.aac")))) {
+    if (whole_frames && sidefile::cut_elsewhere(frame)) continue;
     auto bytes = frame;
     if (mp4_write_pcm_h264(bytes.data(), static_cast<int>(bytes.size()), h) != 0)
       return "audio refused";

@@ -30,13 +30,18 @@ struct FrontRoad {
 std::string record_front_index(const std::string &mp4, const std::string &mp2, const AvFeed &feed,
                                const FrontRoad &road);
 
-// MJPEG: `pictures` synthetic pictures 40 ms apart and one block of 16-bit
-// PCM per picture.
-std::string record_mjpeg(const std::string &mp4, const std::string &mp2, int pictures);
+// MJPEG: the pictures 40 ms apart and one block of 16-bit PCM (72 ms) per picture.
+std::string record_mjpeg(const std::string &mp4, const std::string &mp2,
+                         const std::vector<std::vector<uint8_t>> &pictures);
+// Pictures that the MJPEG writer takes (start and end markers around a
+// pattern free of markers) but no decoder would.
+std::vector<std::vector<uint8_t>> synthetic_pictures(int n);
 
 // H.264 with the index at the end: the sample's pictures, then its AAC frames
-// through the side file.
-std::string record_index_at_end(const std::string &mp4, const std::string &mp2, const AvFeed &feed);
+// through the side file (with `whole_frames`, only those that the side-file
+// reader, which finds frames by their sync bytes alone, takes whole).
+std::string record_index_at_end(const std::string &mp4, const std::string &mp2, const AvFeed &feed,
+                                bool whole_frames = false);
 
 // SHA-256 (hex) of a file's bytes with the creation and modification times of
 // mvhd, tkhd and mdhd zeroed, so that recordings made at different moments

@@ -187,7 +187,10 @@ struct Walker {
         b.truncated = true;
         avail = end - pos;
       }
-      const auto skip = child_offset(b.type);
+      auto skip = child_offset(b.type);
+      // A track that is still hidden: inside moov, a "free" box that holds a tkhd.
+      if (!skip && depth == 1 && b.type == "free" && size >= 16 && Reader(head).tag(12) == "tkhd")
+        skip = 8;
       const uint64_t peek = std::min<uint64_t>(avail, skip ? *skip + 16 : 256);
       const auto bytes = file.read(pos, peek);
       b.detail = describe(b.type, Reader(bytes), avail);
@@ -236,16 +239,20 @@ struct Extent {
 
 class TrackChecker {
  public:
-  TrackChecker(const File &f, Inspection &ins) : file_(f), ins_(ins) {}
+  // A hidden track (a "free" box that holds a track until its first chunk) is
+  // read like the others, but readers skip it: what it holds is only noted.
+  TrackChecker(const File &f, Inspection &ins, bool hidden)
+      : file_(f), ins_(ins), hidden_(hidden) {}
 
   void check(const BoxInfo &trak, std::vector<Extent> &extents) {
     TrackInfo t;
+    t.hidden = hidden_;
     if (const auto *tkhd = child(trak, "tkhd")) {
       const auto b = file_.read(tkhd->offset, 32);
       Reader r(b);
       t.id = r.u8(8) == 1 ? r.u32(28) : r.u32(20);
     }
-    const std::string name = "track " + std::to_string(t.id);
+    const std::string name = "track " + std::to_string(t.id) + (hidden_ ? " (hidden)" : "");
     if (const auto *hdlr = path(trak, {"mdia", "hdlr"})) {
       const auto b = file_.read(hdlr->offset, 20);
       t.handler = Reader(b).tag(16);
@@ -295,12 +302,20 @@ class TrackChecker {
       ins_.tracks.push_back(t);
       return;
     }
-    analyse(tabs, t, name, extents);
+    std::vector<Extent> own;
+    analyse(tabs, t, name, hidden_ ? own : extents);
+    if (t.codec == "avc1" && t.samples > 0) {
+      const BoxInfo *avcc = path(*stbl, {"stsd", "avc1", "avcC"});
+      // A configuration record (version 1) that holds at least one SPS.
+      const auto b = avcc ? file_.read(avcc->offset + 8, 6) : std::vector<uint8_t>{};
+      if (b.size() < 6 || b[0] != 1 || (b[5] & 0x1F) == 0)
+        err(name + ": video samples but no decoder configuration in avcC: nothing can decode them");
+    }
     ins_.tracks.push_back(t);
   }
 
  private:
-  void err(std::string s) { ins_.errors.push_back(std::move(s)); }
+  void err(std::string s) { (hidden_ ? ins_.warnings : ins_.errors).push_back(std::move(s)); }
   void warn(std::string s) { ins_.warnings.push_back(std::move(s)); }
 
   Table table(const BoxInfo &stbl, const std::string &type, uint64_t entry,
@@ -350,9 +365,28 @@ class TrackChecker {
       for (uint64_t c = first; c < next && c <= nchunks; ++c) per_chunk[c - 1] = spc;
     }
     if (stsc_order) warn(name + ": stsc entries are not in chunk order");
-    if (stsc_beyond)
-      warn(name + ": stsc names chunks beyond the " + std::to_string(nchunks) + " in stco");
     for (const auto n : per_chunk) t.chunk_samples += n;
+
+    // What demuxers refuse outright. A chunk table without sample, time or
+    // run table (or sizes without chunks) makes them drop the track; stsc
+    // naming a chunk that stco lacks makes them refuse the file (an stsc
+    // without chunks and times is ignored, and trailing runs of 0 samples are
+    // dropped first).
+    const uint64_t ntimes_entries = tabs.stts.count;
+    if ((nchunks > 0 &&
+         (ntimes_entries == 0 || tabs.stsc.count == 0 || (fixed_size == 0 && nsizes == 0))) ||
+        (nchunks == 0 && nsizes > 0)) {
+      err(name + ": incomplete tables (" + std::to_string(nchunks) + " chunks, " +
+          std::to_string(tabs.stsc.count) + " stsc runs, " + std::to_string(nsizes) + " sizes, " +
+          std::to_string(ntimes_entries) + " stts entries): readers drop the track");
+    }
+    uint32_t runs = tabs.stsc.count;
+    while (runs > 1 && stsc.u32(20 + 12 * (runs - 1)) == 0) --runs;
+    if (stsc_beyond && runs > 0 && !(nchunks == 0 && ntimes_entries == 0) &&
+        stsc.u32(16 + 12 * (runs - 1)) > nchunks) {
+      err(name + ": stsc names chunk " + std::to_string(stsc.u32(16 + 12 * (runs - 1))) +
+          " but stco holds " + std::to_string(nchunks) + ": readers refuse the file");
+    }
 
     // Walk the samples chunk by chunk: each lies behind the previous one of its chunk.
     uint64_t sample = 0, outside_file = 0, outside_mdat = 0;
@@ -391,8 +425,10 @@ class TrackChecker {
       warn(name + ": " + std::to_string(nsizes - t.samples) +
            " samples have a size but no chunk (not yet written when the file was closed or cut)");
     if (t.chunk_samples > nsizes)
-      warn(name + ": the chunks hold " + std::to_string(t.chunk_samples) + " samples but only " +
-           std::to_string(nsizes) + " have a size");
+      warn(name + ": the chunks claim " + std::to_string(t.chunk_samples) + " samples but only " +
+           std::to_string(nsizes) +
+           " have a size (readers index those and report a wrong sample count; a cut between "
+           "two count words leaves this)");
     if (t.declared_times != nsizes)
       warn(name + ": the time table covers " + std::to_string(t.declared_times) +
            " samples, the size table " + std::to_string(nsizes));
@@ -420,7 +456,8 @@ class TrackChecker {
       }
       if (bad) err(name + ": stss sample numbers are not rising");
       if (tabs.stss.count > 0 && prev > nsizes)
-        warn(name + ": stss names samples beyond the " + std::to_string(nsizes) + " in stsz");
+        err(name + ": stss names sample " + std::to_string(prev) + " beyond the " +
+            std::to_string(nsizes) + " in stsz");
       if (t.samples > 0 && (tabs.stss.count == 0 || stss.u32(16) != 1))
         warn(name + ": the first sample is not a key frame");
     }
@@ -436,6 +473,7 @@ class TrackChecker {
 
   const File &file_;
   Inspection &ins_;
+  bool hidden_;
 };
 
 void print_tree(const std::vector<BoxInfo> &boxes, std::ostream &out, int depth) {
@@ -449,6 +487,17 @@ void print_tree(const std::vector<BoxInfo> &boxes, std::ostream &out, int depth)
     out << "\n";
     print_tree(b.children, out, depth + 1);
   }
+}
+
+// The text of the encoder item (moov/udta/meta/ilst/\xA9too/data) that this
+// library writes into every index it makes.
+constexpr std::string_view kOurTool = "mp4rec: MP4 recorder, network camera";
+
+bool made_here(const File &f, const BoxInfo &moov) {
+  const BoxInfo *data = path(moov, {"udta", "meta", "ilst", "@too", "data"});
+  if (data == nullptr || data->size < 16 + kOurTool.size()) return false;
+  const auto text = f.read(data->offset + 16, kOurTool.size());
+  return std::string_view(reinterpret_cast<const char *>(text.data()), text.size()) == kOurTool;
 }
 
 }  // namespace
@@ -483,16 +532,25 @@ Inspection inspect_file(const std::string &path) {
     ins.warnings.push_back("the file does not begin with an ftyp box");
   if (!moov) {
     ins.errors.push_back("no moov box: the file has no index");
+    if (ins.mdat_payload > 0 && ins.boxes.size() >= 3 && ins.boxes[1].type == "free" &&
+        ins.boxes[2].type == "mdat" && ins.boxes[2].offset == 40)
+      ins.repair_hint =
+          "it was cut before its index was written; a new index can be built "
+          "from the pictures or samples in mdat";
     return ins;
   }
   if (moov->truncated) ins.errors.push_back("the moov box is cut short by the end of the file");
   ins.readable = true;
 
   std::vector<Extent> extents;
-  TrackChecker checker(f, ins);
-  for (const auto &b : moov->children)
-    if (b.type == "trak") checker.check(b, extents);
-  for (const auto &t : ins.tracks) ins.indexed_bytes += t.bytes;
+  TrackChecker visible(f, ins, false), hidden(f, ins, true);
+  for (const auto &b : moov->children) {
+    if (b.type == "trak") visible.check(b, extents);
+    if (b.type == "free" && !b.children.empty() && b.children.front().type == "tkhd")
+      hidden.check(b, extents);
+  }
+  for (const auto &t : ins.tracks)
+    if (!t.hidden) ins.indexed_bytes += t.bytes;
 
   std::sort(extents.begin(), extents.end(),
             [](const Extent &a, const Extent &b) { return a.begin < b.begin; });
@@ -503,6 +561,11 @@ Inspection inspect_file(const std::string &path) {
   if (ins.indexed_bytes < ins.mdat_payload)
     ins.warnings.push_back(std::to_string(ins.mdat_payload - ins.indexed_bytes) +
                            " bytes of mdat are not in the index (written after its last update)");
+  ins.made_here = made_here(f, *moov);
+  if (ins.made_here && ins.indexed_bytes < ins.mdat_payload)
+    ins.repair_hint = "its index stops " + std::to_string(ins.mdat_payload - ins.indexed_bytes) +
+                      " bytes before the end of mdat; the whole video samples there can be "
+                      "recovered";
   return ins;
 }
 
@@ -513,9 +576,9 @@ void print_inspection(const Inspection &ins, std::ostream &out, bool tree) {
     print_tree(ins.boxes, out, 0);
   }
   for (const auto &t : ins.tracks) {
-    out << "track " << t.id << " (" << (t.handler.empty() ? "?" : t.handler) << ", "
-        << (t.codec.empty() ? "?" : t.codec) << (t.format.empty() ? "" : " " + t.format)
-        << "): " << t.samples << " samples"
+    out << "track " << t.id << (t.hidden ? " (hidden until its first chunk)" : "") << " ("
+        << (t.handler.empty() ? "?" : t.handler) << ", " << (t.codec.empty() ? "?" : t.codec)
+        << (t.format.empty() ? "" : " " + t.format) << "): " << t.samples << " samples"
         << (t.present != t.samples ? " (" + std::to_string(t.present) + " in the file)" : "")
         << ", " << std::fixed << std::setprecision(3) << t.seconds() << " s, " << t.key_frames
         << (t.all_key ? " key frames (all)" : " key frames") << ", " << t.chunks << " chunks, "
@@ -523,6 +586,8 @@ void print_inspection(const Inspection &ins, std::ostream &out, bool tree) {
   }
   for (const auto &w : ins.warnings) out << "note: " << w << "\n";
   for (const auto &e : ins.errors) out << "error: " << e << "\n";
+  if (!ins.repair_hint.empty())
+    out << "repair: " << ins.repair_hint << " (mp4rec repair " << ins.path << ")\n";
   if (ins.consistent()) {
     uint64_t samples = 0, chunks = 0;
     for (const auto &t : ins.tracks) samples += t.samples, chunks += t.chunks;

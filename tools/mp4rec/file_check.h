@@ -22,6 +22,7 @@ struct BoxInfo {
 
 struct TrackInfo {
   uint32_t id = 0;
+  bool hidden = false;  // its trak is still a "free" box (no chunk indexed yet): readers skip it
   std::string handler;  // "vide", "soun", ...
   std::string codec;    // sample entry type, e.g. "avc1"
   std::string format;   // e.g. "320x240" or "16000 Hz, 1 ch"
@@ -49,6 +50,10 @@ struct Inspection {
   uint64_t indexed_bytes = 0;
   std::vector<std::string> errors;    // the index disagrees with the file
   std::vector<std::string> warnings;  // oddities that do not stop playback
+  // Set for a recording of this library that `mp4rec repair` would improve:
+  // what it would recover.
+  std::string repair_hint;
+  bool made_here = false;  // its index carries this library's encoder item
   bool consistent() const { return readable && errors.empty(); }
 };
 

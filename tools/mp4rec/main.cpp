@@ -10,6 +10,7 @@
 
 #include "file_check.h"
 #include "record.h"
+#include "repair.h"
 
 namespace {
 
@@ -17,6 +18,7 @@ void usage(std::ostream &out) {
   out << "usage: mp4rec record [options] [VIDEO|-]   record a stream (no input: the built-in "
          "sample)\n"
          "       mp4rec inspect [-q] FILE...          show a file's boxes and check its index\n"
+         "       mp4rec repair [options] IN [OUT]     make a playable file from a cut recording\n"
          "       mp4rec <command> --help              options of a command\n";
 }
 
@@ -30,6 +32,7 @@ int main(int argc, char **argv) {
   const std::string cmd = argv[1];
   if (cmd == "inspect") return mp4tool::inspect_main(argc - 2, argv + 2);
   if (cmd == "record") return mp4tool::record_main(argc - 2, argv + 2);
+  if (cmd == "repair") return mp4tool::repair_main(argc - 2, argv + 2);
   if (cmd == "-h" || cmd == "--help" || cmd == "help") {
     usage(std::cout);
     return 0;
