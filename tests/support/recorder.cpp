@@ -5,6 +5,8 @@ extern "C" {
 #include <libavutil/sha.h>
 }
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -62,6 +64,7 @@ std::string record_front_index(const std::string &mp4, const std::string &mp2, c
   }
   std::string error;
   for (const auto &u : feed.units) {
+    if (u.picture && road.pace_ms > 0) usleep(static_cast<useconds_t>(road.pace_ms) * 1000);
     auto bytes = u.bytes;
     const int n = static_cast<int>(bytes.size());
     const int r = u.video ? mp4_write_one_h264(bytes.data(), n, u.ts, h)

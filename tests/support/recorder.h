@@ -25,6 +25,7 @@ struct FrontRoad {
   int audio_node = 2048;
   int durability = 0;  // mode of the session's data buffer
   int interval_ms = 1000;
+  int pace_ms = 0;  // pause before each picture, as a camera's frames come
 };
 // "" on success, else what went wrong.
 std::string record_front_index(const std::string &mp4, const std::string &mp2, const AvFeed &feed,

@@ -9,15 +9,19 @@
 // cleanly and holds at least the frames the cut file indexed.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <memory>
 #include <random>
 #include <sstream>
 
+#include "common/internal.h"
 #include "file_check.h"
 #include "repair.h"
 #include "support/box_reader.h"
 #include "support/media.h"
 #include "support/recorder.h"
 #include "support/sim_card.h"
+#include "tool_support.h"
 
 namespace {
 
@@ -257,5 +261,83 @@ INSTANTIATE_TEST_SUITE_P(
         Variant{"front_durable", 'f', {.durability = 1, .interval_ms = 1}, 7, 2},
         Variant{"mjpeg", 'j', {}, 2, 0}, Variant{"index_at_end", 'e', {}, 2, 0}),
     [](const auto &info) { return std::string(info.param.name); });
+
+}  // namespace
+
+namespace {
+
+// repair refuses what it cannot make a recording of, and writes nothing then.
+TEST(Repair, RefusesWhatIsNotARecordingOfOurs) {
+  testsupport::TempDir dir;
+  std::vector<uint8_t> noise(5000);
+  std::mt19937 rng(7);
+  for (auto &b : noise) b = static_cast<uint8_t>(rng());
+  const std::string random = dir.file("random.mp4"), head = dir.file("head.mp4");
+  testsupport::write_file(random, noise);
+  std::unique_ptr<mp4_stream_info, decltype(&std::free)> info(mp4_create_stream_info(), &std::free);
+  free_mp4_h264(mp4_write_head_h264_index(head.c_str(), dir.file("head.mp2").c_str(), 320, 240, 3,
+                                          info.get()));
+  struct Case {
+    std::string in;
+    const char *why;
+  };
+  for (const auto &c : {Case{random, "not an MP4 file"},
+                        Case{tooltest::ffmpeg_mp4(true), "written by another program"},
+                        Case{tooltest::ffmpeg_mp4(false), "written by another program"},
+                        Case{head, "nothing recorded yet"}}) {
+    mp4tool::RepairOptions opt;
+    opt.in = c.in;
+    opt.out = dir.file("out.mp4");
+    mp4tool::RepairReport rep;
+    std::string error;
+    const auto before = testsupport::read_file(c.in);
+    EXPECT_EQ(mp4tool::repair_file(opt, rep, error), 1) << c.in;
+    EXPECT_NE(error.find(c.why), std::string::npos) << error;
+    EXPECT_FALSE(std::filesystem::exists(opt.out)) << c.in;
+    EXPECT_EQ(testsupport::read_file(c.in), before);
+  }
+}
+
+// The command: inspect points at repair; repair writes beside its input
+// unless told to mend the input itself.
+TEST(Repair, TheCommandWritesIntoItsInputOnlyWhenTold) {
+  testsupport::TempDir dir;
+  const std::string mp4 = dir.file("rec.mp4");
+  std::vector<CardEvent> log;
+  {
+    testsupport::SimCard card;
+    ASSERT_EQ(testsupport::record_front_index(mp4, dir.file("rec.mp2"), testsupport::sample_feed(),
+                                              {.video_node = 12288}),
+              "");
+    log = card.log(mp4);
+  }
+  // The moment the last video node's bytes are on the card and its index is not.
+  const uint64_t media = testsupport::BoxFile(mp4).at("mdat").offset + 8;
+  size_t cut = 0;
+  for (size_t i = 0; i + 1 < log.size(); ++i)
+    if (!log[i].sync && log[i].offset >= media && log[i].bytes.size() > 4096) cut = i + 1;
+  const std::string in = dir.file("cut.mp4");
+  testsupport::write_file(in, testsupport::replay(log, cut));
+  const auto before = testsupport::read_file(in);
+
+  const auto inspected = tooltest::run_tool("inspect -q '" + in + "'");
+  EXPECT_EQ(inspected.status, 0) << inspected.output;
+  EXPECT_NE(inspected.output.find("repair: its index stops"), std::string::npos)
+      << inspected.output;
+
+  const auto beside = tooltest::run_tool("repair '" + in + "'");
+  EXPECT_EQ(beside.status, 0) << beside.output;
+  EXPECT_NE(beside.output.find("recovered from behind the index"), std::string::npos)
+      << beside.output;
+  EXPECT_EQ(testsupport::read_file(in), before);
+  const std::string out = dir.file("cut-repaired.mp4");
+  EXPECT_EQ(testsupport::ffmpeg_decode_errors(out), "");
+  EXPECT_GT(testsupport::ffprobe_frames(out, "v"), mp4tool::inspect_file(in).tracks[0].samples);
+
+  const auto in_place = tooltest::run_tool("repair --in-place '" + in + "'");
+  EXPECT_EQ(in_place.status, 0) << in_place.output;
+  EXPECT_EQ(testsupport::read_file(in), testsupport::read_file(out));
+  EXPECT_EQ(tooltest::run_tool("repair '" + in + "' a b").status, 2);
+}
 
 }  // namespace

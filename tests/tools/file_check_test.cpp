@@ -122,6 +122,10 @@ TEST(Inspect, DamagedIndexIsReported) {
   const auto &stco = f.at("moov/trak[0]/mdia/minf/stbl/stco");
   const auto &stsz = f.at("moov/trak[0]/mdia/minf/stbl/stsz");
   const auto &stss = f.at("moov/trak[0]/mdia/minf/stbl/stss");
+  const auto &stsc = f.at("moov/trak[0]/mdia/minf/stbl/stsc");
+  const auto &avcc = f.at("moov/trak[0]/mdia/minf/stbl/stsd/avc1/avcC");
+  const uint32_t chunks = f.entry_count(stco), runs = f.entry_count(stsc);
+  const uint32_t sizes = f.entry_count(stsz), syncs = f.entry_count(stss);
   struct Case {
     const char *name;
     uint64_t offset;
@@ -132,6 +136,15 @@ TEST(Inspect, DamagedIndexIsReported) {
       {"chunk inside moov", stco.offset + 16, 40u, "outside mdat"},
       {"sizes beyond the box", stsz.offset + 16, 0x00FFFFFFu, "declares"},
       {"stss falling", stss.offset + 20, 1u, "not rising"},
+      // What demuxers refuse: a track whose chunks have no sizes (or sizes
+      // without chunks) is dropped, a run naming a chunk that stco lacks
+      // makes the file unreadable, a key frame beyond the samples, a video
+      // sample that nothing can decode.
+      {"chunks without sizes", stsz.offset + 16, 0u, "incomplete tables"},
+      {"sizes without chunks", stco.offset + 12, 0u, "incomplete tables"},
+      {"stsc beyond stco", stsc.offset + 16 + 12 * (runs - 1), chunks + 5, "stsc names chunk"},
+      {"stss beyond stsz", stss.offset + 12 + 4 * syncs, sizes + 10, "beyond the"},
+      {"avcC empty", avcc.offset + 8, 0u, "no decoder configuration"},
   };
   for (const auto &c : cases) {
     auto bytes = original;
@@ -161,7 +174,10 @@ TEST(Inspect, FreshHeadDeclaresNoSamples) {
     const auto ins = inspect_file(file);
     EXPECT_TRUE(ins.consistent()) << report(ins);
     ASSERT_EQ(ins.tracks.size(), 2u) << report(ins);
-    for (const auto &t : ins.tracks) EXPECT_EQ(t.samples, 0u) << report(ins);
+    for (const auto &t : ins.tracks) {
+      EXPECT_TRUE(t.hidden) << report(ins);
+      EXPECT_EQ(t.samples, 0u) << report(ins);
+    }
   }
 }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <iomanip>
@@ -145,10 +146,21 @@ std::string describe(const std::string &type, const Reader &r, uint64_t size) {
   return d.str();
 }
 
+// A box header: a type of letters, digits, spaces or (c), a size that fits.
+bool plausible_box(const Reader &h, uint64_t left) {
+  for (uint64_t i = 4; i < 8; ++i) {
+    const uint32_t c = h.u8(i);
+    if (!std::isalnum(static_cast<int>(c)) && c != ' ' && c != 0xA9) return false;
+  }
+  const uint64_t size = h.u32(0);
+  return size == 0 || size == 1 || (size >= 8 && size <= left);
+}
+
 struct Walker {
   const File &file;
   std::vector<std::string> &errors;
   std::vector<std::string> &warnings;
+  uint64_t behind_mdat = 0;
 
   std::vector<BoxInfo> walk(uint64_t start, uint64_t end, int depth, bool top) {
     std::vector<BoxInfo> out;
@@ -161,6 +173,14 @@ struct Walker {
       }
       const auto head = file.read(pos, 16);
       Reader h(head);
+      // Behind an mdat that ends before the file does: media written after
+      // the index's last update (a recorder's next batches), not a box.
+      if (top && !out.empty() && out.back().type == "mdat" && !plausible_box(h, end - pos)) {
+        warnings.push_back(std::to_string(end - pos) +
+                           " bytes behind mdat (written after the index's last update)");
+        behind_mdat += end - pos;
+        break;
+      }
       BoxInfo b;
       b.offset = pos;
       uint64_t size = h.u32(0);
@@ -562,9 +582,10 @@ Inspection inspect_file(const std::string &path) {
     ins.warnings.push_back(std::to_string(ins.mdat_payload - ins.indexed_bytes) +
                            " bytes of mdat are not in the index (written after its last update)");
   ins.made_here = made_here(f, *moov);
-  if (ins.made_here && ins.indexed_bytes < ins.mdat_payload)
-    ins.repair_hint = "its index stops " + std::to_string(ins.mdat_payload - ins.indexed_bytes) +
-                      " bytes before the end of mdat; the whole video samples there can be "
+  const uint64_t unindexed = ins.mdat_payload - std::min(ins.mdat_payload, ins.indexed_bytes);
+  if (ins.made_here && unindexed + w.behind_mdat > 0)
+    ins.repair_hint = "its index stops " + std::to_string(unindexed + w.behind_mdat) +
+                      " bytes before the end of the file; the whole video samples there can be "
                       "recovered";
   return ins;
 }

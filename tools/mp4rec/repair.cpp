@@ -430,9 +430,6 @@ class FrontRepair {
       expected = c.end();
       tracks_[c.track].chunks.push_back(std::move(c));
     }
-    long described = 0;
-    for (const auto &t : tracks_)
-      for (const auto &c : t.chunks) described += static_cast<long>(c.sizes.size());
 
     // Behind the index: runs of whole video samples between audio blocks.
     const int video = video_track();
@@ -441,8 +438,9 @@ class FrontRepair {
     while (video >= 0 && p < end) {
       auto run = sample_run(in, p, end);
       if (run.empty()) {
-        const auto next = next_run(in, p, end, kAudioNodeBytes + 1);
+        const auto next = next_run(in, p, end, kAudioBlockBytes);
         if (!next) break;
+        skipped_ += *next - p;
         p = *next;
         continue;
       }
@@ -453,12 +451,11 @@ class FrontRepair {
       behind_ += static_cast<long>(run.size());
       tracks_[video].chunks.push_back(std::move(c));
     }
-    rep_.bytes_lost = static_cast<long long>(end - data_end_);
+    rep_.bytes_lost = static_cast<long long>(skipped_ + (end - data_end_));
     for (const auto &t : tracks_) {
       if (!t.video) continue;
       rep_.video_indexed += t.indexed;
     }
-    (void)described;
     nothing_to_do_ = behind_ == 0 && rep_.bytes_lost == 0 && all_counted() &&
                      in.u32(mdat_pos_) == data_end_ - mdat_pos_;
   }
@@ -530,8 +527,8 @@ class FrontRepair {
       rep_.notes += std::to_string(behind_) + " video samples recovered from behind the index\n";
     if (rep_.bytes_lost > 0)
       rep_.notes += std::to_string(rep_.bytes_lost) +
-                    " bytes behind the index hold no whole video sample (audio, or a sample "
-                    "cut short) and were dropped\n";
+                    " bytes behind the index hold no whole video sample (audio, whose frames "
+                    "cannot be told apart without the index, or a sample cut short): lost\n";
     return 0;
   }
 
@@ -605,9 +602,9 @@ class FrontRepair {
     return duration_ms;
   }
 
-  // The largest audio node the data buffer writes: an audio block behind the
-  // index is never longer.
-  static constexpr uint64_t kAudioNodeBytes = 16384;
+  // How far behind a run of video samples the next one is looked for: a few
+  // of the data buffer's audio nodes (16 KiB each) may lie in between.
+  static constexpr uint64_t kAudioBlockBytes = 4 * 16384;
 
   const Inspection &ins_;
   const RepairOptions &opt_;
@@ -616,6 +613,7 @@ class FrontRepair {
   uint64_t mdat_pos_ = 0;
   uint64_t mvhd_duration_ = 0;
   uint64_t data_end_ = 0;
+  uint64_t skipped_ = 0;
   long behind_ = 0;
   bool nothing_to_do_ = false;
 };
