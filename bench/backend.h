@@ -16,6 +16,8 @@ struct Options {
   double throttle_bytes_per_s = 0;  // > 0: the file's stream is paced ("slow card")
   int record_duration = 60;         // mp4rec: planned file length in seconds
   bool prealloc = false;            // mp4rec: reserve the index tables as holes
+  int durability = -1;              // mp4rec: mp4_set_durability mode (-1: the default)
+  double sync_ms = 10;              // slow card: what one sync costs once its writes are through
 };
 
 // Result codes every back end reports per frame: 0 success, the library's
@@ -37,6 +39,8 @@ class Backend {
   // CPU and wall time of setup work worth reporting (mp4rec's head), ns.
   virtual int64_t setup_cpu_ns() const { return 0; }
   virtual int64_t setup_wall_ns() const { return 0; }
+  // Syncs issued to the card during the recording.
+  virtual int64_t syncs() const { return 0; }
 };
 
 using BackendFactory = std::function<std::unique_ptr<Backend>(const Options &)>;

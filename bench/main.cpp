@@ -4,7 +4,7 @@
 //   mp4rec_bench record --video=F.h264 --audio=F.aac --width=W --height=H
 //       [--fps=30] [--reps=5] [--dir=/dev/shm] [--backends=a,b,...]
 //       [--throttle-mbps=10] [--speed=X] [--record-duration=S] [--prealloc]
-//       [--keep=DIR] [--title=TEXT]
+//       [--sync-ms=10] [--keep=DIR] [--title=TEXT]
 //   mp4rec_bench <command> ...   (the other commands print their usage)
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -39,6 +39,7 @@ struct RunResult {
   int64_t lat_p50 = 0, lat_p99 = 0, lat_p999 = 0, lat_max = 0;  // ns per frame
   uint32_t busy = 0, io_error = 0, full = 0, other = 0;         // -4, -2, -5, other negatives
   long private_kb = 0;  // private dirty memory, the larger of after frames / after close
+  int64_t syncs = 0;    // syncs issued to the card
   long maxrss_kb = 0;   // filled in by the parent
 };
 
@@ -118,6 +119,7 @@ void child_run(const BackendInfo &info, const Options &opt, Input &in, double sp
     r.user_s = double(us1.user - us0.user) / 1e9;
     r.sys_s = double(us1.sys - us0.sys) / 1e9;
     r.setup_cpu_s = double(backend->setup_cpu_ns()) / 1e9;
+    r.syncs = backend->syncs();
     r.setup_wall_s = double(backend->setup_wall_ns()) / 1e9;
     r.syscw = io1.syscw - io0.syscw;
     r.wchar = io1.wchar - io0.wchar;
@@ -202,6 +204,7 @@ int record(int argc, char **argv) {
   base.throttle_bytes_per_s = args.num("throttle-mbps", 0) * 1e6;
   base.record_duration = int(args.num("record-duration", 60));
   base.prealloc = args.flag("prealloc");
+  base.sync_ms = args.num("sync-ms", 10);
 
   std::vector<const BackendInfo *> chosen;
   const std::string list =
@@ -339,6 +342,20 @@ int record(int argc, char **argv) {
         "floor.\n",
         b->name.c_str(), scpu * 1e3, swall * 1e3, (cpu + scpu) * 1e3 / mb,
         have_floor ? (cpu + scpu) / floor_cpu : 0.0);
+  }
+  // Syncs: how often a back end waits for the card.
+  for (const BackendInfo *b : chosen) {
+    const auto &rs = results[b->name];
+    if (rs.empty()) continue;
+    const double syncs = med(b->name, [](const RunResult &r) { return r.syncs; });
+    if (syncs <= 0) continue;
+    std::printf(
+        "\n%s: %.0f syncs per recording, %.2f per second of media%s.\n", b->name.c_str(), syncs,
+        syncs / in.seconds(),
+        base.throttle_bytes_per_s > 0
+            ? fmt(" (each waits until the card has taken every write, then %.0f ms)", base.sync_ms)
+                  .c_str()
+            : "");
   }
   // The goals mp4rec is held to, where this run has what they compare.
   auto has = [&](const char *n) { return !results[n].empty(); };

@@ -9,7 +9,9 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <mutex>
 
 namespace bench {
 namespace {
@@ -28,6 +30,10 @@ struct PacedCookie {
   int fd;
   Pacer pacer;
 };
+
+// The streams that are paced, for their syncs (a recording has one at a time).
+std::mutex g_paced_mutex;
+std::map<FILE *, PacedCookie *> g_paced;
 
 ssize_t paced_write(void *c, const char *buf, size_t size) {
   auto *cookie = static_cast<PacedCookie *>(c);
@@ -49,6 +55,15 @@ ssize_t paced_read(void *c, char *buf, size_t size) {
 
 int paced_close(void *c) {
   std::unique_ptr<PacedCookie> cookie(static_cast<PacedCookie *>(c));
+  {
+    std::lock_guard<std::mutex> lock(g_paced_mutex);
+    for (auto it = g_paced.begin(); it != g_paced.end(); ++it) {
+      if (it->second == cookie.get()) {
+        g_paced.erase(it);
+        break;
+      }
+    }
+  }
   return ::close(cookie->fd);
 }
 
@@ -88,6 +103,11 @@ IoCounters io_counters() {
   return c;
 }
 
+void Pacer::flush(int64_t latency_ns) {
+  busy_until_ = std::max(mono_ns(), busy_until_) + latency_ns;
+  sleep_until_ns(busy_until_);
+}
+
 void Pacer::pay(size_t bytes) {
   // A write returns once the card is less than 1 ms behind: small writes pass
   // at once (as into a card's own small cache), the rate holds over time.
@@ -117,9 +137,25 @@ FILE *paced_stream(int fd, double bytes_per_second, size_t buffer_size) {
   const cookie_io_functions_t io{paced_read, paced_write, paced_seek, paced_close};
   FILE *f = fopencookie(cookie.get(), "w+", io);
   if (!f) return nullptr;
-  cookie.release();
+  {
+    std::lock_guard<std::mutex> lock(g_paced_mutex);
+    g_paced[f] = cookie.release();
+  }
   setvbuf(f, nullptr, _IOFBF, buffer_size);
   return f;
+}
+
+int paced_sync(FILE *stream, int64_t latency_ns) {
+  if (std::fflush(stream) != 0) return -1;
+  PacedCookie *cookie = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(g_paced_mutex);
+    auto it = g_paced.find(stream);
+    if (it == g_paced.end()) return -1;
+    cookie = it->second;
+  }
+  cookie->pacer.flush(latency_ns);
+  return 0;
 }
 
 int64_t percentile(const std::vector<int64_t> &sorted, double q) {

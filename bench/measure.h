@@ -34,6 +34,9 @@ class Pacer {
  public:
   explicit Pacer(double bytes_per_second) : rate_(bytes_per_second) {}
   void pay(size_t bytes);
+  // A sync: returns once every write so far has passed and the card has then
+  // been busy `latency_ns` more (committing its cache).
+  void flush(int64_t latency_ns);
 
  private:
   double rate_;
@@ -44,6 +47,9 @@ class Pacer {
 // the descriptor (closed with the stream) and uses a buffer of `buffer_size`
 // bytes, as the real file's stream would.
 FILE *paced_stream(int fd, double bytes_per_second, size_t buffer_size);
+// A sync of a paced stream: flushes it and waits as Pacer::flush does.
+// -1 for a stream that is not paced.
+int paced_sync(FILE *stream, int64_t latency_ns);
 // Writes all of `n` bytes to `fd` (retrying short writes); false on error.
 bool write_all(int fd, const void *data, size_t n);
 

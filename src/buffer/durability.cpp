@@ -84,28 +84,47 @@ class Commit {
     for (auto &c : counts) c.data_end = data_end;
     sync();
 
-    std::vector<Step> lanes[3];
+    // Each track's steps, grouped into the stretches between two syncs; the
+    // two tracks go side by side.
+    std::vector<std::vector<Step>> lanes[3];
     for (int track : {1, 2}) {
+      auto &lane = lanes[track];
       const ChunkCounts *last = nullptr;
+      uint32_t run_before_last = d_.last_run[track];
       for (const auto &c : counts) {
         if (c.track != track) continue;
+        if (!hidden[track]) {
+          // The sizes of this chunk may land with the previous chunk's run:
+          // until that run lands, the previous chunk is counted with the run
+          // before it, which must claim none of these sizes (it is no longer
+          // than the previous chunk's own).
+          const bool with_previous_run =
+              last != nullptr && run_before_last != 0 && run_before_last <= last->run;
+          if (last != nullptr) run_before_last = last->run;
+          if (with_previous_run) {
+            lane.back().push_back({Step::kGroup, &c, CountGroup::kSamples});
+          } else {
+            lane.push_back({{Step::kGroup, &c, CountGroup::kSamples}});
+          }
+          lane.push_back({{Step::kGroup, &c, CountGroup::kChunks}});
+          lane.push_back({{Step::kGroup, &c, CountGroup::kRuns}});
+        }
         last = &c;
-        if (hidden[track]) continue;
-        for (CountGroup g : {CountGroup::kSamples, CountGroup::kChunks, CountGroup::kRuns})
-          lanes[track].push_back({Step::kGroup, &c, g});
       }
       if (last != nullptr && hidden[track]) {
-        lanes[track].push_back({Step::kAll, last, CountGroup::kSamples});
-        lanes[track].push_back({Step::kReveal, last, CountGroup::kSamples});
+        lane.push_back({{Step::kAll, last, CountGroup::kSamples}});
+        lane.push_back({{Step::kReveal, last, CountGroup::kSamples}});
       }
     }
     const size_t epochs = std::max(lanes[1].size(), lanes[2].size());
     for (size_t e = 0; e < epochs; ++e) {
       for (int track : {1, 2})
-        if (e < lanes[track].size()) run_step(file, track, lanes[track][e]);
+        if (e < lanes[track].size())
+          for (const Step &s : lanes[track][e]) run_step(file, track, s);
       if (e + 1 == epochs) patch_mvhd_duration(file, h_);  // the longest track so far
       sync();
     }
+    for (const auto &c : counts) d_.last_run[c.track] = c.run;
     mp4_fseek(file, resume, SEEK_SET);
     return ok_;
   }
@@ -176,6 +195,16 @@ bool durability_node_written(mp4_buffer_node *node, int media_type) {
   Durability &d = data->durability;
   const int mode = d.mode.load(std::memory_order_relaxed);
   if (mode == kDurabilityKill && d.pending.empty()) return update_now(node, media_type);
+  // The decoder configuration goes into the reserved avcC with the first video
+  // node, not with its commit (the track is still hidden then, and a track
+  // that is not only lacks samples that no decoder could read): a file cut
+  // before its first commit keeps what `mp4rec repair` needs for its pictures.
+  if (video) {
+    FILE *file = h->file;
+    const int32_t resume = mp4_ftell(file);
+    mp4_write_stsd_tag_update(file, h, h->updatePos->videoPos);
+    mp4_fseek(file, resume, SEEK_SET);
+  }
   // The records now belong to the commit; the node is recycled without them.
   PendingChunk p{h, video ? 1 : 2, head, nullptr, node->data_len};
   if (video) {
@@ -204,6 +233,7 @@ void durability_discard(Durability &d) {
   for (auto &p : d.pending) free_records(p);
   d.pending.clear();
   d.committed_once = false;
+  for (auto &r : d.last_run) r = 0;
 }
 
 }  // namespace mp4rec

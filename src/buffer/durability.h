@@ -10,9 +10,10 @@
 // their bytes, writes their table entries behind the counts, syncs, and then
 // raises the counts chunk by chunk with a sync after each group that must
 // land before the next (durations and sizes, then the chunk, then its stsc
-// run; a hidden track's counts at once, then the word that reveals it). Whatever subset of the writes between two syncs reaches the card, the
-// file is valid and indexes only bytes that were synced before. Each node
-// still becomes its own chunk, so the finished file is the same in both modes.
+// run; a hidden track's counts at once, then the word that reveals it). Whatever subset of the
+// writes between two syncs reaches the card, the file is valid and indexes only bytes that were
+// synced before. Each node still becomes its own chunk, so the finished file is the same in both
+// modes.
 #pragma once
 
 #include <atomic>
@@ -47,7 +48,8 @@ struct Durability {
   std::vector<PendingChunk> pending;
   std::chrono::steady_clock::time_point last_commit{};
   bool committed_once = false;
-  long commits = 0;  // for the tests and the bench
+  uint32_t last_run[3] = {};  // samples of each track's last chunk committed (0: none yet)
+  long commits = 0;           // for the tests and the bench
   long syncs = 0;
 };
 

@@ -250,6 +250,7 @@ void enter_video(Sink &s, mp4_handle *h, VideoBatch batch, uint32_t batch_bytes,
   c.sync_samples = entries_of(vpos, kVStssCount, kVStssNext, 1);
   c.samples = entries_of(vpos, kVStszCount, kVStszNext, 1);
   c.chunks = vpos[kVChunkCounter];
+  c.run = batch.size();
 }
 
 void enter_audio(Sink &s, mp4_handle *h, AudioBatch batch, uint32_t batch_bytes, ChunkCounts &c) {
@@ -263,6 +264,7 @@ void enter_audio(Sink &s, mp4_handle *h, AudioBatch batch, uint32_t batch_bytes,
   // Counts and durations follow the frames in the file, not those accepted.
   c.samples = entries_of(apos, kAStszCount, kAStszNext, 1);
   c.chunks = apos[kAChunkCounter];
+  c.run = batch.size();
   if (h->audioTimeStamps != 1) {
     c.times = c.samples;
     c.duration = h->audioKHz != 0 ? c.samples * h->audioFrameSamples / h->audioKHz : 0;

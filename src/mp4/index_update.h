@@ -66,6 +66,7 @@ struct ChunkCounts {
   uint32_t times = 0;           // stts count; audio without time stamps: frames of its one entry
   uint32_t sync_samples = 0;    // stss count (video)
   uint32_t chunks = 0;          // stco and stsc count
+  uint32_t run = 0;             // samples of this chunk (its stsc run)
   uint32_t duration = 0;        // the track's duration fields (ms)
   uint32_t media_duration = 0;  // audio mdhd: in the track's time scale
   uint32_t movie_duration = 0;

@@ -258,7 +258,10 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         Variant{"front", 'f', {}, 3, 0},
         Variant{"front_holes_stamped", 'f', {.prealloc = true, .time_stamps = true}, 7, 0},
+        // Durable: a commit after every node, and one commit for all nodes at
+        // the close (many chunks, whose counts go chunk by chunk).
         Variant{"front_durable", 'f', {.durability = 1, .interval_ms = 1}, 7, 2},
+        Variant{"front_durable_batched", 'f', {.durability = 1, .interval_ms = 60000}, 7, 3},
         Variant{"mjpeg", 'j', {}, 2, 0}, Variant{"index_at_end", 'e', {}, 2, 0}),
     [](const auto &info) { return std::string(info.param.name); });
 

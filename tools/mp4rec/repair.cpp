@@ -278,6 +278,7 @@ struct FrontTrack {
   bool has_stss = false;
   uint64_t tkhd_duration = 0, mdhd_duration = 0, elst_duration = 0;
   const BoxInfo *avcc = nullptr;
+  const BoxInfo *avc1 = nullptr;
   // Result.
   std::vector<Chunk> chunks;
   long indexed = 0;  // samples the cut file's counts described
@@ -354,6 +355,7 @@ bool read_track(const Card &f, const BoxInfo &box, FrontTrack &t) {
     t.has_stss = true;
   }
   t.avcc = at(*stbl, {"stsd", "avc1", "avcC"});
+  t.avc1 = at(*stbl, {"stsd", "avc1"});
   return true;
 }
 
@@ -504,6 +506,7 @@ class FrontRepair {
       error = "cannot open " + target + " for writing: " + std::strerror(errno);
       return 1;
     }
+    decoder_configuration(in, out);
     uint32_t movie = 0;
     for (auto &t : tracks_) {
       const uint32_t d = write_track(in, out, t);
@@ -530,6 +533,53 @@ class FrontRepair {
                     " bytes behind the index hold no whole video sample (audio, whose frames "
                     "cannot be told apart without the index, or a sample cut short): lost\n";
     return 0;
+  }
+
+  // Video samples need the decoder configuration. A file cut before its first
+  // video chunk was indexed may lack it (the SPS and PPS are not in mdat): it
+  // is taken from --params, or the pictures are left out.
+  void decoder_configuration(const Card &in, Card &out) {
+    const int v = video_track();
+    if (v < 0 || tracks_[v].chunks.empty() || !tracks_[v].avcc || !tracks_[v].avc1) return;
+    const BoxInfo &avcc = *tracks_[v].avcc;
+    const Bytes head = in.read(avcc.offset + 8, 6);
+    if (head.size() == 6 && head[0] == 1 && (head[5] & 0x1F) != 0) return;  // it holds an SPS
+    const ParameterSets p =
+        opt_.params.empty() ? ParameterSets{} : parameter_sets_from(opt_.params);
+    // The reserve: from the avcC to the end of the sample entry (the writer
+    // keeps a free box behind a short record).
+    const uint64_t region = tracks_[v].avc1->offset + tracks_[v].avc1->size - avcc.offset;
+    const uint64_t content = 11 + p.sps.size() + p.pps.size();
+    if (!p.ok() || 8 + content > region) {
+      long n = 0;
+      for (const auto &c : tracks_[v].chunks) n += static_cast<long>(c.sizes.size());
+      rep_.notes += std::to_string(n) +
+                    " video samples left out: the file lost its SPS and PPS before its first "
+                    "video chunk was indexed (--params FILE gives them)\n";
+      tracks_[v].chunks.clear();
+      return;
+    }
+    // As the writer makes it: fixed profile and level bytes, one SPS, one PPS;
+    // a free box over the rest of the reserve, or zero padding when fewer than
+    // 8 bytes are left.
+    const bool free_box = region - 8 - content >= 8;
+    Bytes image;
+    put32(image, static_cast<uint32_t>(free_box ? 8 + content : region));
+    image.insert(image.end(), {'a', 'v', 'c', 'C', 0x01, 0x4D, 0x40, 0x1F, 0xFF, 0xE1});
+    image.push_back(static_cast<uint8_t>(p.sps.size() >> 8));
+    image.push_back(static_cast<uint8_t>(p.sps.size()));
+    image.insert(image.end(), p.sps.begin(), p.sps.end());
+    image.insert(image.end(), {0x01, static_cast<uint8_t>(p.pps.size() >> 8),
+                               static_cast<uint8_t>(p.pps.size())});
+    image.insert(image.end(), p.pps.begin(), p.pps.end());
+    if (free_box) {
+      put32(image, static_cast<uint32_t>(region - 8 - content));
+      image.insert(image.end(), {'f', 'r', 'e', 'e'});
+    } else {
+      image.resize(region, 0);
+    }
+    out.write(avcc.offset, image);
+    rep_.notes += "SPS and PPS taken from " + opt_.params + "\n";
   }
 
   // The track's tables and durations; returns its duration in ms.
