@@ -160,16 +160,40 @@ class Commit {
   bool ok_ = true;
 };
 
-// Enters every waiting chunk; false when a sync failed.
-bool commit(Durability &d, bool durable) {
+// Enters every waiting chunk; false when a sync failed. On the writer thread,
+// which holds signal_lock while it drains, the lock is let go for the
+// commit's syncs: a producer handing over a node meanwhile then waits for no
+// sync (its signal finds the writer busy, and the drain that resumes after
+// the commit takes its node from the write queue).
+bool commit(mp4_data_buffer *data, bool durable) {
+  Durability &d = data->durability;
   if (d.pending.empty()) return true;
   d.last_commit = Clock::now();
   d.committed_once = true;
+  const bool writer = pthread_equal(pthread_self(), data->thread) != 0;
+  if (writer && durable) pthread_mutex_unlock(&data->signal_lock);
   const bool ok = Commit(d, d.pending.front().handle, durable).run();
+  if (writer && durable) pthread_mutex_lock(&data->signal_lock);
   for (auto &p : d.pending) free_records(p);
   d.pending.clear();
   ++d.commits;
   return ok;
+}
+
+// The close: a track that never had a sample is revealed, empty, so that the
+// finished file has both tracks; in mode 1 that word is synced too.
+bool reveal_at_close(mp4_handle *h, bool durable) {
+  if (h->hiddenTracks == 0) return true;
+  FILE *file = h->file;
+  const int32_t resume = mp4_ftell(file);
+  for (int track : {1, 2}) index_reveal_track(file, h, track);
+  mp4_fseek(file, resume, SEEK_SET);
+  if (h->writeStatus != 0) return false;
+  if (!durable) return true;
+  ++h->dataBuffer->durability.syncs;
+  if (card::sync(file) == 0) return true;
+  MP4_ERR("durable commit: card sync failed: %s\n", std::strerror(errno));
+  return false;
 }
 
 }  // namespace
@@ -189,12 +213,13 @@ bool durability_node_written(mp4_buffer_node *node, int media_type) {
   void *head = video ? static_cast<void *>(node->nal_head) : static_cast<void *>(node->aac_head);
   if (data == nullptr || (!video && media_type != kMediaAudio) || head == nullptr) {
     // Keep the chunks in file order.
-    if (data != nullptr && !commit(data->durability, false)) return false;
+    if (data != nullptr && !commit(data, false)) return false;
     return update_now(node, media_type);
   }
   Durability &d = data->durability;
   const int mode = d.mode.load(std::memory_order_relaxed);
-  if (mode == kDurabilityKill && d.pending.empty()) return update_now(node, media_type);
+  if (mode == kDurabilityKill && d.pending.empty())
+    return update_now(node, media_type) && (node->for_finish == 0 || reveal_at_close(h, false));
   // The decoder configuration goes into the reserved avcC with the first video
   // node, not with its commit (the track is still hidden then, and a track
   // that is not only lacks samples that no decoder could read): a file cut
@@ -219,14 +244,14 @@ bool durability_node_written(mp4_buffer_node *node, int media_type) {
   if (mode == kDurabilityKill || node->for_finish != 0 || !d.committed_once ||
       Clock::now() - d.last_commit >= interval) {
     // A failed sync or index write is a card error, as a failed data write.
-    if (!commit(d, mode == kDurabilityPower) || h->writeStatus != 0) return false;
+    if (!commit(data, mode == kDurabilityPower) || h->writeStatus != 0) return false;
   }
-  return true;
+  return node->for_finish == 0 || reveal_at_close(h, mode == kDurabilityPower);
 }
 
 int durability_finish(mp4_data_buffer *data) {
   Durability &d = data->durability;
-  return commit(d, d.mode.load(std::memory_order_relaxed) == kDurabilityPower) ? 0 : -2;
+  return commit(data, d.mode.load(std::memory_order_relaxed) == kDurabilityPower) ? 0 : -2;
 }
 
 void durability_discard(Durability &d) {

@@ -61,9 +61,10 @@ bool durability_set(Durability &d, int mode, int interval_ms);
 // 0 its index is brought up to date now; in mode 1 the node's index records
 // are taken over (the node can be recycled) and entered at the next commit,
 // which runs now if the interval has passed since the previous one, or if the
-// node is one of the last of its file. False when a file's index update
-// failed: nothing more is entered into that index (the caller reports a card
-// error).
+// node is one of the last of its file. With a file's last nodes a track that
+// never had a sample is revealed (empty): the finished file has both tracks.
+// False when a file's index update or a sync failed: nothing more is entered
+// into that index (the caller reports a card error).
 bool durability_node_written(mp4_buffer_node *node, int media_type);
 
 // End of a file, once its last nodes are written: commits whatever still

@@ -4,6 +4,7 @@
 // file may not.
 #include <gtest/gtest.h>
 
+#include "support/box_reader.h"
 #include "support/media.h"
 #include "support/recorder.h"
 
@@ -27,7 +28,8 @@ TEST_P(FinishedBytes, AreThoseOfTheWritersBeforeTheRework) {
   std::string error;
   if (c.writer == 'f')
     error = testsupport::record_front_index(mp4, mp2, testsupport::sample_feed(), c.road);
-  if (c.writer == 'j') error = testsupport::record_mjpeg(mp4, mp2, testsupport::synthetic_pictures(60));
+  if (c.writer == 'j')
+    error = testsupport::record_mjpeg(mp4, mp2, testsupport::synthetic_pictures(60));
   if (c.writer == 'e')
     error = testsupport::record_index_at_end(mp4, mp2, testsupport::sample_feed());
   ASSERT_EQ(error, "");
@@ -61,5 +63,26 @@ INSTANTIATE_TEST_SUITE_P(
                  kFrontHolesStamped},
         Finished{"mjpeg", 'j', {}, kMjpeg}, Finished{"index_at_end", 'e', {}, kAtEnd}),
     [](const auto &info) { return std::string(info.param.name); });
+
+}  // namespace
+
+namespace {
+
+// The one change to a finished file: a track that never got a sample is
+// declared empty (no chunk), which demuxers accept, rather than with one
+// empty chunk and the reserved run count, which they refuse.
+TEST(FinishedFile, ATrackThatNeverGotASampleIsDeclaredEmpty) {
+  testsupport::TempDir dir;
+  const std::string mp4 = dir.file("f.mp4");
+  auto feed = testsupport::sample_feed();
+  std::erase_if(feed.units, [](const testsupport::TimedUnit &u) { return !u.video; });
+  ASSERT_EQ(testsupport::record_front_index(mp4, dir.file("f.mp2"), feed, {}), "");
+  const testsupport::BoxFile f(mp4);
+  const std::string a = "moov/trak[1]/mdia/minf/stbl/";
+  for (const char *table : {"stco", "stsc", "stsz"})
+    EXPECT_EQ(f.entry_count(f.at(a + table)), 0u) << table;
+  EXPECT_EQ(f.stts(f.at(a + "stts")), (std::vector<std::pair<uint32_t, uint32_t>>{{0, 1024}}));
+  EXPECT_EQ(testsupport::ffmpeg_decode_errors(mp4), "");
+}
 
 }  // namespace

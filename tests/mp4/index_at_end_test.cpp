@@ -9,6 +9,7 @@
 #include "support/box_reader.h"
 #include "support/log_capture.h"
 #include "support/media.h"
+#include "support/side_file.h"
 
 namespace {
 
