@@ -97,6 +97,7 @@ class Mp4recBackend final : public Backend {
   // Freeing a session deletes the files at its paths: the recording is moved
   // aside first and put back afterwards.
   void teardown() override {
+    if (opt_.throttle_bytes_per_s > 0) mp4rec::card::set_hooks({});
     if (!base_) return;
     const std::string aside = opt_.out_path + ".aside";
     const bool moved = std::rename(opt_.out_path.c_str(), aside.c_str()) == 0;

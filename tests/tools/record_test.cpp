@@ -103,12 +103,13 @@ TEST(Record, StandardInput) {
   expect_playable(file);
 }
 
-// Video only, with parameters from the stream, at another size and rate.
+// Video only, with parameters from the stream, at another size and rate, the
+// index written at once (durability mode 0).
 TEST(Record, OtherStreamWithoutAudio) {
   TempDir dir;
   const std::string video = testsupport::h264_stream(640, 360, 30, 3, 30);
-  const auto r = run_tool("record '" + video + "' --segment 1 --prealloc -q -o '" + dir.path() +
-                          "' -n 'v{n}.mp4'");
+  const auto r = run_tool("record '" + video + "' --segment 1 --prealloc --durability 0 -q -o '" +
+                          dir.path() + "' -n 'v{n}.mp4'");
   ASSERT_EQ(r.status, 0) << r.output;
   const auto files = mp4_files(dir.path());
   ASSERT_EQ(files.size(), 3u) << r.output;
@@ -195,6 +196,7 @@ TEST(Record, BadInput) {
        "cannot create the output directory", ""},
       {"unknown option", "--frobnicate", 2, "unknown option", ""},
       {"segment of 0 s", "--segment 0", 2, "needs a number of seconds", ""},
+      {"durability 2", "--durability 2", 2, "needs 0 or 1", ""},
       {"PCM with H.264", "--pcm 16 -a x.raw", 2, "PCM audio goes with --mjpeg", ""},
   };
   for (const auto &c : cases) {

@@ -302,6 +302,10 @@ class Recorder {
     if (mp4.size() >= 256) throw WriteFailure("the output directory's path is too long");
     mp4_session *s = mp4_session_new(0, mp4.c_str(), mp2.c_str());
     if (!s) throw WriteFailure("a recording session could not be created");
+    if (opt_.durability >= 0 && mp4_set_durability(s, opt_.durability, 0) != 0) {
+      mp4_session_free(s);
+      throw WriteFailure("the durability mode could not be set");
+    }
     mp4_stream_info *info = s->stream_info;
     info->record_duration = static_cast<uint32_t>(planned_);
     info->audio_timestamp_mode = opt_.audio_timestamps ? 1 : 0;

@@ -21,6 +21,7 @@ struct RecordOptions {
   int planned = 0;      // stream info record_duration; 0: chosen from the segment length
   bool prealloc = false;
   bool audio_timestamps = false;
+  int durability = -1;        // mp4_set_durability mode; -1: the library's default
   int width = 0, height = 0;  // 0: from the stream
   bool realtime = false;
   bool progress = true;

@@ -41,6 +41,8 @@ stream info:
       --rate HZ        audio sample rate (default: the AAC stream's)
       --prealloc       reserve the index tables as holes (faster file creation)
       --audio-timestamps  audio durations follow the frames' time stamps
+      --durability 0|1 how the index reaches the card (default 1: ordered
+                       commits with syncs, once a second; 0: at once, no sync)
 other:
       --no-progress    no progress line (it is shown only on a terminal)
   -q, --quiet          print only errors
@@ -141,6 +143,10 @@ bool parse_record_options(int argc, char **argv, RecordOptions &opt, bool &help)
       opt.prealloc = true;
     } else if (a == "--audio-timestamps") {
       opt.audio_timestamps = true;
+    } else if (a == "--durability") {
+      if (!(v = need(i, a))) return false;
+      if (!number(v, d) || (d != 0 && d != 1)) return bad("needs 0 or 1");
+      opt.durability = static_cast<int>(d);
     } else if (a == "--no-progress") {
       opt.progress = false;
     } else if (a == "-q" || a == "--quiet") {
