@@ -426,6 +426,9 @@ Made record_h264(const TempDir &dir, const Shape &shape, bool cut = false) {
   Batches batches;
   batches.handle = rec.handle();
   EXPECT_EQ(mp4_write_register(rec.base, on_batch, &batches), 0);
+  // The callback looks at the index right behind each batch: mode 0 enters it
+  // there (mode 1 at its next commit).
+  if (cut) EXPECT_EQ(mp4_set_durability(rec.session, 0, 0), 0);
 
   Made copy;
   feed(m, rec.opened.handler, [&](size_t) {

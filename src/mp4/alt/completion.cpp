@@ -96,10 +96,11 @@ void raise_max_duration(mp4_handle &h, uint32_t d) {
 }
 
 // One video sample: decoder configuration and one entry in each of stts,
-// stss (IDR only), stsz and stco; then the counts in the order readers need
-// them (sizes before the chunk that claims them, the chunk before its stsc
-// run, the sync samples not before their samples), then the durations. Every
-// sample is its own chunk.
+// stss (IDR only), stsz and stco; then the durations (an edit list that ended
+// before the new sample would hide it) and the counts in the order readers
+// need them (sizes before the chunk that claims them, the chunk before its
+// stsc run, the sync samples not before their samples). Every sample is its
+// own chunk.
 void update_video_sample(box::Sink &s, mp4_handle &h, uint32_t value, const videoNode &node) {
   FILE *file = s.file();
   updatePos &pos = *h.updatePos;
@@ -119,18 +120,18 @@ void update_video_sample(box::Sink &s, mp4_handle &h, uint32_t value, const vide
   v[kVChunkOffset] = offset;
   pos.dataPos += node.size;
   step(s, [&] { return append_words(s, v, kVStcoNext, {offset}); });
+  step(s, [&] { return mp4_write_tkhd_tag_update(file, &h, v, d); });
+  step(s, [&] { return mp4_write_edts_tag_update(file, &h, v, d); });
+  step(s, [&] { return mp4_write_mdhd_tag_update(file, &h, v, d); });
   step(s, [&] { return write_table_count(s, v, kVSttsCount, kVSttsNext, 2); });
   step(s, [&] { return write_table_count(s, v, kVStszCount, kVStszNext, 1); });
   step(s, [&] { return write_table_count(s, v, kVStcoCount, kVStcoNext, 1); });
   if (idr) step(s, [&] { return write_table_count(s, v, kVStssCount, kVStssNext, 1); });
   step(s, [&] { return one_sample_per_chunk(s, v[kVStscCount]); });
-  step(s, [&] { return mp4_write_tkhd_tag_update(file, &h, v, d); });
-  step(s, [&] { return mp4_write_edts_tag_update(file, &h, v, d); });
-  step(s, [&] { return mp4_write_mdhd_tag_update(file, &h, v, d); });
 }
 
 // One audio frame: stts, and one entry in stsz and stco, whose counts follow
-// the frames accepted; then the durations.
+// the frames accepted, in the same order as a video sample's.
 void update_audio_frame(box::Sink &s, mp4_handle &h, uint32_t value, uint32_t frame_size) {
   FILE *file = s.file();
   updatePos &pos = *h.updatePos;
@@ -155,6 +156,8 @@ void update_audio_frame(box::Sink &s, mp4_handle &h, uint32_t value, uint32_t fr
   a[kAChunkOffset] = offset;
   pos.dataPos += frame_size;
   step(s, [&] { return append_words(s, a, kAStcoNext, {offset}); });
+  step(s, [&] { return mp4_write_trak_tag_2_update(file, &h, a, d); });
+  step(s, [&] { return mp4_write_mdhd_tag_2_update(file, &h, a, samples_duration); });
   if (!stamped) {
     step(s, [&] {
       if (mp4_fseek(file, static_cast<int>(a[kASttsCount] + 4), SEEK_SET) != 0) return -1;
@@ -168,8 +171,6 @@ void update_audio_frame(box::Sink &s, mp4_handle &h, uint32_t value, uint32_t fr
   step(s, [&] { return write_table_count(s, a, kAStszCount, kAStszNext, 1, &frames); });
   step(s, [&] { return write_table_count(s, a, kAStcoCount, kAStcoNext, 1, &frames); });
   step(s, [&] { return one_sample_per_chunk(s, a[kAStscCount]); });
-  step(s, [&] { return mp4_write_trak_tag_2_update(file, &h, a, d); });
-  step(s, [&] { return mp4_write_mdhd_tag_2_update(file, &h, a, samples_duration); });
 }
 
 // Entries already in a reserved table, from its next free entry.
