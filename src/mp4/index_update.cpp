@@ -278,9 +278,35 @@ void enter_audio(Sink &s, mp4_handle *h, AudioBatch batch, uint32_t batch_bytes,
   raise_max_duration(h, c.duration);
 }
 
-// The counts of a table: each written under its table updater's name.
-int32_t write_count(const char *name, FILE *file, mp4_handle *h, uint32_t pos, uint32_t value) {
-  return patch_word(name, file, h, pos, value);
+// One count word: the table's count field in its track's position table,
+// written under the table updater's name and logged with its message.
+struct CountWord {
+  const char *name;
+  int slot;
+  const char *message;
+};
+constexpr CountWord kVideoStts{"mp4_write_stts_tag_update_buffer", kVSttsCount,
+                               "mp4 write index : write video stts error\n"};
+constexpr CountWord kVideoStsz{"mp4_write_stsz_tag_update_buffer", kVStszCount,
+                               "mp4 write index : write video stsz error\n"};
+constexpr CountWord kVideoStco{"mp4_write_stco_tag_update_buffer", kVStcoCount,
+                               "mp4 write index : write video stco error\n"};
+constexpr CountWord kVideoStss{"mp4_write_stss_tag_update_buffer", kVStssCount,
+                               "mp4 write index : write video stss error\n"};
+constexpr CountWord kVideoStsc{"mp4_write_stsc_tag_update_buffer", kVStscCount,
+                               "mp4 write index : write video stsc error\n"};
+constexpr CountWord kAudioStts{"mp4_write_stts_tag_2_update_buffer", kASttsCount,
+                               "mp4 write index : write audio stts error\n"};
+constexpr CountWord kAudioStsz{"mp4_write_stsz_tag_2_update_buffer", kAStszCount,
+                               "mp4 write index : write audio stsz error\n"};
+constexpr CountWord kAudioStco{"mp4_write_stco_tag_2_update_buffer", kAStcoCount,
+                               "mp4 write index : write audio stco error\n"};
+constexpr CountWord kAudioStsc{"mp4_write_stsc_tag_2_update_buffer", kAStscCount,
+                               "mp4 write index : write audio stsc error\n"};
+
+void write_word(Sink &s, mp4_handle *h, const CountWord &w, const ChunkCounts &c, uint32_t value) {
+  const uint32_t *table = c.track == 1 ? h->updatePos->videoPos : h->updatePos->audioPos;
+  INDEX_STEP(patch_word(w.name, s.file(), h, table[w.slot], value), w.message);
 }
 
 // Durations first: an edit list that ended before the newest samples would
@@ -312,7 +338,6 @@ void write_durations(Sink &s, mp4_handle *h, const ChunkCounts &c) {
 
 void write_samples(Sink &s, mp4_handle *h, const ChunkCounts &c) {
   FILE *file = s.file();
-  uint32_t *vpos = h->updatePos->videoPos, *apos = h->updatePos->audioPos;
   // mdat covers the chunk's bytes before any table points at them.
   if (!seek_to(kUpdateName, file, h->mdatPos)) {
     s.add(-1);
@@ -321,65 +346,33 @@ void write_samples(Sink &s, mp4_handle *h, const ChunkCounts &c) {
   }
   write_durations(s, h, c);
   if (c.track == 1) {
-    INDEX_STEP(write_count("mp4_write_stts_tag_update_buffer", file, h, vpos[kVSttsCount], c.times),
-               "mp4 write index : write video stts error\n");
-    INDEX_STEP(
-        write_count("mp4_write_stsz_tag_update_buffer", file, h, vpos[kVStszCount], c.samples),
-        "mp4 write index : write video stsz error\n");
+    write_word(s, h, kVideoStts, c, c.times);
+    write_word(s, h, kVideoStsz, c, c.samples);
     return;
   }
   if (h->audioTimeStamps == 1) {
-    INDEX_STEP(
-        write_count("mp4_write_stts_tag_2_update_buffer", file, h, apos[kASttsCount], c.times),
-        "mp4 write index : write audio stts error\n");
+    write_word(s, h, kAudioStts, c, c.times);
   } else {
     // One entry for all frames; its count follows the frames in the file.
-    const char *name = "mp4_write_stts_tag_2_update_buffer";
-    if (!seek_to(name, file, apos[kASttsCount] + 4)) {
+    if (!seek_to(kAudioStts.name, file, h->updatePos->audioPos[kASttsCount] + 4)) {
       s.add(-1);
     } else {
       s.u32(c.times);
       s.u32(h->audioFrameSamples);
     }
-    if (h->writeStatus != 0)
-      MP4_LOG_AS(kUpdateName, kLogError, kModRecorder,
-                 "mp4 write index : write audio stts error\n");
+    if (h->writeStatus != 0) MP4_LOG_AS(kUpdateName, kLogError, kModRecorder, kAudioStts.message);
   }
-  INDEX_STEP(
-      write_count("mp4_write_stsz_tag_2_update_buffer", file, h, apos[kAStszCount], c.samples),
-      "mp4 write index : write audio stsz error\n");
+  write_word(s, h, kAudioStsz, c, c.samples);
 }
 
 void write_chunks(Sink &s, mp4_handle *h, const ChunkCounts &c) {
-  FILE *file = s.file();
-  uint32_t *vpos = h->updatePos->videoPos, *apos = h->updatePos->audioPos;
-  if (c.track == 1) {
-    INDEX_STEP(
-        write_count("mp4_write_stco_tag_update_buffer", file, h, vpos[kVStcoCount], c.chunks),
-        "mp4 write index : write video stco error\n");
-    // A sync-sample table may lag the samples, never lead them.
-    INDEX_STEP(
-        write_count("mp4_write_stss_tag_update_buffer", file, h, vpos[kVStssCount], c.sync_samples),
-        "mp4 write index : write video stss error\n");
-  } else {
-    INDEX_STEP(
-        write_count("mp4_write_stco_tag_2_update_buffer", file, h, apos[kAStcoCount], c.chunks),
-        "mp4 write index : write audio stco error\n");
-  }
+  write_word(s, h, c.track == 1 ? kVideoStco : kAudioStco, c, c.chunks);
+  // A sync-sample table may lag the samples, never lead them.
+  if (c.track == 1) write_word(s, h, kVideoStss, c, c.sync_samples);
 }
 
 void write_runs(Sink &s, mp4_handle *h, const ChunkCounts &c) {
-  FILE *file = s.file();
-  uint32_t *vpos = h->updatePos->videoPos, *apos = h->updatePos->audioPos;
-  if (c.track == 1) {
-    INDEX_STEP(
-        write_count("mp4_write_stsc_tag_update_buffer", file, h, vpos[kVStscCount], c.chunks),
-        "mp4 write index : write video stsc error\n");
-  } else {
-    INDEX_STEP(
-        write_count("mp4_write_stsc_tag_2_update_buffer", file, h, apos[kAStscCount], c.chunks),
-        "mp4 write index : write audio stsc error\n");
-  }
+  write_word(s, h, c.track == 1 ? kVideoStsc : kAudioStsc, c, c.chunks);
 }
 
 #undef INDEX_STEP

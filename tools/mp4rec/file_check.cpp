@@ -1,5 +1,7 @@
 #include "file_check.h"
 
+#include "card_file.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,49 +21,7 @@ namespace mp4tool {
 
 namespace {
 
-// A read-only file read with pread; files may be larger than memory.
-class File {
- public:
-  explicit File(const std::string &path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    struct stat st {};
-    if (fd_ >= 0 && ::fstat(fd_, &st) == 0) {
-      size_ = static_cast<uint64_t>(st.st_size);
-    } else if (fd_ >= 0) {  // a size that cannot be known: as unreadable, errno kept
-      const int e = errno;
-      ::close(fd_);
-      fd_ = -1;
-      errno = e;
-    }
-  }
-  ~File() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  File(const File &) = delete;
-  File &operator=(const File &) = delete;
-
-  bool ok() const { return fd_ >= 0; }
-  uint64_t size() const { return size_; }
-
-  // Up to `n` bytes at `off` (fewer at the end of the file).
-  std::vector<uint8_t> read(uint64_t off, uint64_t n) const {
-    if (off >= size_) return {};
-    n = std::min(n, size_ - off);
-    std::vector<uint8_t> buf(n);
-    uint64_t got = 0;
-    while (got < n) {
-      const ssize_t r = ::pread(fd_, buf.data() + got, n - got, static_cast<off_t>(off + got));
-      if (r < 0 && errno == EINTR) continue;
-      if (r <= 0) break;
-      got += static_cast<uint64_t>(r);
-    }
-    buf.resize(got);
-    return buf;
-  }
-
- private:
-  int fd_;
-  uint64_t size_ = 0;
-};
+using File = CardFile;
 
 // Big-endian reads from a byte span; out-of-range reads give 0 and set `short_`.
 class Reader {
@@ -225,18 +185,11 @@ struct Walker {
 };
 
 const BoxInfo *child(const BoxInfo &b, const std::string &type) {
-  for (const auto &c : b.children)
-    if (c.type == type) return &c;
-  return nullptr;
+  return box_at(b, {type.c_str()});
 }
 
 const BoxInfo *path(const BoxInfo &b, std::initializer_list<const char *> types) {
-  const BoxInfo *cur = &b;
-  for (const char *t : types) {
-    cur = child(*cur, t);
-    if (!cur) return nullptr;
-  }
-  return cur;
+  return box_at(b, types);
 }
 
 // One table read whole, with its entries checked against the room in the box.
@@ -521,6 +474,20 @@ bool made_here(const File &f, const BoxInfo &moov) {
 }
 
 }  // namespace
+
+const BoxInfo *box_at(const BoxInfo &b, std::initializer_list<const char *> types) {
+  const BoxInfo *cur = &b;
+  for (const char *t : types) {
+    const BoxInfo *next = nullptr;
+    for (const auto &c : cur->children)
+      if (c.type == t) {
+        next = &c;
+        break;
+      }
+    if ((cur = next) == nullptr) return nullptr;
+  }
+  return cur;
+}
 
 Inspection inspect_file(const std::string &path) {
   Inspection ins;

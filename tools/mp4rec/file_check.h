@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -58,6 +59,9 @@ struct Inspection {
 };
 
 Inspection inspect_file(const std::string &path);
+
+// The box at a path of child types below `b` (e.g. {"mdia", "minf"}), or null.
+const BoxInfo *box_at(const BoxInfo &b, std::initializer_list<const char *> types);
 
 // Writes the report; `tree` includes the box tree.
 void print_inspection(const Inspection &ins, std::ostream &out, bool tree);

@@ -21,6 +21,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
+#include "card_file.h"
 #include "file_check.h"
 
 namespace mp4tool {
@@ -39,79 +40,13 @@ void put32(Bytes &b, uint32_t v) {
   for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<uint8_t>(v >> s));
 }
 
-// A file read and patched in place with pread / pwrite.
-class Card {
- public:
-  Card(const std::string &path, bool writable)
-      : fd_(::open(path.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC)) {
-    struct stat st {};
-    if (fd_ >= 0 && ::fstat(fd_, &st) == 0) size_ = static_cast<uint64_t>(st.st_size);
-  }
-  ~Card() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Card(const Card &) = delete;
-  Card &operator=(const Card &) = delete;
-  bool ok() const { return fd_ >= 0; }
-  uint64_t size() const { return size_; }
+using Card = CardFile;
 
-  Bytes read(uint64_t off, uint64_t n) const {
-    if (off >= size_) return {};
-    n = std::min(n, size_ - off);
-    Bytes b(n);
-    uint64_t got = 0;
-    while (got < n) {
-      const ssize_t r = ::pread(fd_, b.data() + got, n - got, static_cast<off_t>(off + got));
-      if (r < 0 && errno == EINTR) continue;
-      if (r <= 0) break;
-      got += static_cast<uint64_t>(r);
-    }
-    b.resize(got);
-    return b;
-  }
-  uint32_t u32(uint64_t off) const {
-    const Bytes b = read(off, 4);
-    return b.size() == 4 ? be32(b.data()) : 0;
-  }
-  bool write(uint64_t off, const Bytes &b) {
-    uint64_t done = 0;
-    while (done < b.size()) {
-      const ssize_t r =
-          ::pwrite(fd_, b.data() + done, b.size() - done, static_cast<off_t>(off + done));
-      if (r < 0 && errno == EINTR) continue;
-      if (r <= 0) return false;
-      done += static_cast<uint64_t>(r);
-    }
-    size_ = std::max(size_, off + b.size());
-    return true;
-  }
-  bool put_u32(uint64_t off, uint32_t v) {
-    Bytes b;
-    put32(b, v);
-    return write(off, b);
-  }
-  bool truncate(uint64_t n) {
-    if (::ftruncate(fd_, static_cast<off_t>(n)) != 0) return false;
-    size_ = n;
-    return true;
-  }
-  bool sync() { return ::fsync(fd_) == 0; }
-
- private:
-  int fd_;
-  uint64_t size_ = 0;
-};
-
-const BoxInfo *child(const BoxInfo &b, const std::string &type) {
-  for (const auto &c : b.children)
-    if (c.type == type) return &c;
-  return nullptr;
+const BoxInfo *child(const BoxInfo &b, const char *type) {
+  return box_at(b, {type});
 }
 const BoxInfo *at(const BoxInfo &b, std::initializer_list<const char *> types) {
-  const BoxInfo *cur = &b;
-  for (const char *t : types)
-    if ((cur = child(*cur, t)) == nullptr) return nullptr;
-  return cur;
+  return box_at(b, types);
 }
 
 // ---- H.264 samples -----------------------------------------------------------
