@@ -42,7 +42,8 @@ struct mp4_buffer_node {
   mp4_buffer_node *next;  // link within the queue that holds the node
   // Beyond the record above: the node's own storage while `buf` is a larger
   // one grown for a single big frame (null otherwise), and whether the writer
-  // thread writes the node for finish (no record-time callback then).
+  // thread writes the node for finish (no record-time callback then; the last
+  // of them is marked kLastOfFile).
   uint8_t *own_buf;
   int32_t for_finish;
 };

@@ -64,8 +64,8 @@ class Commit {
  public:
   Commit(Durability &d, mp4_handle *h, bool durable) : d_(d), h_(h), durable_(durable) {}
 
-  // False when the card refused a sync; the commit then goes on as plain
-  // writes, in the same order.
+  // False when the card refused a write or a sync; the commit stops there,
+  // leaving the counts of the last stretch that reached the card.
   bool run() {
     FILE *file = h_->file;
     const int32_t resume = mp4_ftell(file);
@@ -118,15 +118,21 @@ class Commit {
     }
     const size_t epochs = std::max(lanes[1].size(), lanes[2].size());
     for (size_t e = 0; e < epochs; ++e) {
+      // After a failed write or sync nothing more is entered into this index:
+      // the card keeps the state of the last stretch that reached it.
+      if (!ok_ || index_stopped(h_)) break;
       for (int track : {1, 2})
         if (e < lanes[track].size())
           for (const Step &s : lanes[track][e]) run_step(file, track, s);
-      if (e + 1 == epochs) patch_mvhd_duration(file, h_);  // the longest track so far
+      if (e + 1 == epochs && !index_stopped(h_))
+        patch_mvhd_duration(file, h_);  // the longest track so far
       sync();
     }
     for (const auto &c : counts) d_.last_run[c.track] = c.run;
-    mp4_fseek(file, resume, SEEK_SET);
-    return ok_;
+    // Going back to the end flushes what the last stretch left buffered.
+    if (mp4_fseek(file, resume, SEEK_SET) != 0) seek_failed();
+    // An index write the card refused stopped the commit: a card error too.
+    return ok_ && !index_stopped(h_);
   }
 
  private:
@@ -143,6 +149,11 @@ class Commit {
         index_reveal_track(file, h_, track);
         break;
     }
+  }
+
+  void seek_failed() {
+    MP4_LOG_AS(kWriterName, kLogError, kModRecorder, "mp4 write index : mp4_fseek error\n");
+    ok_ = false;
   }
 
   void sync() {
@@ -183,12 +194,11 @@ bool commit(mp4_data_buffer *data, bool durable) {
 // The close: a track that never had a sample is revealed, empty, so that the
 // finished file has both tracks; in mode 1 that word is synced too.
 bool reveal_at_close(mp4_handle *h, bool durable) {
-  if (h->hiddenTracks == 0) return true;
+  if ((h->indexState & (kHiddenVideo | kHiddenAudio)) == 0) return true;
   FILE *file = h->file;
   const int32_t resume = mp4_ftell(file);
   for (int track : {1, 2}) index_reveal_track(file, h, track);
-  mp4_fseek(file, resume, SEEK_SET);
-  if (h->writeStatus != 0) return false;
+  if (mp4_fseek(file, resume, SEEK_SET) != 0 || h->writeStatus != 0) return false;
   if (!durable) return true;
   ++h->dataBuffer->durability.syncs;
   if (card::sync(file) == 0) return true;
@@ -208,6 +218,9 @@ bool durability_set(Durability &d, int mode, int interval_ms) {
 
 bool durability_node_written(mp4_buffer_node *node, int media_type) {
   mp4_handle *h = node->mp4;
+  // The node's bytes reached the file: an error flag left by a write that was
+  // retried is not the index's.
+  if (h != nullptr && h->file != nullptr) std::clearerr(h->file);
   mp4_data_buffer *data = h != nullptr ? h->dataBuffer : nullptr;
   const bool video = media_type == kMediaVideo;
   void *head = video ? static_cast<void *>(node->nal_head) : static_cast<void *>(node->aac_head);
@@ -219,7 +232,8 @@ bool durability_node_written(mp4_buffer_node *node, int media_type) {
   Durability &d = data->durability;
   const int mode = d.mode.load(std::memory_order_relaxed);
   if (mode == kDurabilityKill && d.pending.empty())
-    return update_now(node, media_type) && (node->for_finish == 0 || reveal_at_close(h, false));
+    return update_now(node, media_type) &&
+           (node->for_finish != kLastOfFile || reveal_at_close(h, false));
   // The decoder configuration goes into the reserved avcC with the first video
   // node, not with its commit (the track is still hidden then, and a track
   // that is not only lacks samples that no decoder could read): a file cut
@@ -228,7 +242,9 @@ bool durability_node_written(mp4_buffer_node *node, int media_type) {
     FILE *file = h->file;
     const int32_t resume = mp4_ftell(file);
     mp4_write_stsd_tag_update(file, h, h->updatePos->videoPos);
-    mp4_fseek(file, resume, SEEK_SET);
+    // Going back flushes the configuration: a write the card refused is a
+    // card error.
+    if (mp4_fseek(file, resume, SEEK_SET) != 0 || h->writeStatus != 0) return false;
   }
   // The records now belong to the commit; the node is recycled without them.
   PendingChunk p{h, video ? 1 : 2, head, nullptr, node->data_len};
@@ -246,12 +262,14 @@ bool durability_node_written(mp4_buffer_node *node, int media_type) {
     // A failed sync or index write is a card error, as a failed data write.
     if (!commit(data, mode == kDurabilityPower) || h->writeStatus != 0) return false;
   }
-  return node->for_finish == 0 || reveal_at_close(h, mode == kDurabilityPower);
+  return node->for_finish != kLastOfFile || reveal_at_close(h, mode == kDurabilityPower);
 }
 
-int durability_finish(mp4_data_buffer *data) {
-  Durability &d = data->durability;
-  return commit(data, d.mode.load(std::memory_order_relaxed) == kDurabilityPower) ? 0 : -2;
+int durability_finish(mp4_data_buffer *data, mp4_handle *h) {
+  const bool durable = data->durability.mode.load(std::memory_order_relaxed) == kDurabilityPower;
+  const bool ok =
+      commit(data, durable) && (h == nullptr || h->file == nullptr || reveal_at_close(h, durable));
+  return ok ? 0 : -2;
 }
 
 void durability_discard(Durability &d) {

@@ -30,6 +30,10 @@ inline constexpr int kDurabilityPower = 1;  // mode 1
 inline constexpr int kDefaultDurability = kDurabilityPower;
 inline constexpr int kDefaultCommitIntervalMs = 1000;
 
+// mp4_buffer_node::for_finish: 1 for the nodes that finish writes, this value
+// for the last of them (the file's last node).
+inline constexpr int32_t kLastOfFile = 2;
+
 // A written node whose index entries wait for the next commit.
 struct PendingChunk {
   mp4_handle *handle;
@@ -61,16 +65,17 @@ bool durability_set(Durability &d, int mode, int interval_ms);
 // 0 its index is brought up to date now; in mode 1 the node's index records
 // are taken over (the node can be recycled) and entered at the next commit,
 // which runs now if the interval has passed since the previous one, or if the
-// node is one of the last of its file. With a file's last nodes a track that
+// node is one of the last of its file. With the very last node a track that
 // never had a sample is revealed (empty): the finished file has both tracks.
 // False when a file's index update or a sync failed: nothing more is entered
 // into that index (the caller reports a card error).
 bool durability_node_written(mp4_buffer_node *node, int media_type);
 
-// End of a file, once its last nodes are written: commits whatever still
-// waits (nothing, as the last nodes commit). 0, or -2 when the card refused a
-// sync.
-int durability_finish(mp4_data_buffer *data);
+// End of file `h`, once its last nodes are written: commits whatever still
+// waits and reveals a track still hidden (nothing is left when the file ended
+// with a node to write, as its last node does both). 0, or -2 when the card
+// refused a write or a sync.
+int durability_finish(mp4_data_buffer *data, mp4_handle *h);
 
 // Drops what waits without writing it (a new file is bound, or the buffer
 // goes): its handle may be gone.

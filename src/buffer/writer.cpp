@@ -186,15 +186,18 @@ int mp4_write_data_buffer_finish(mp4_data_buffer *data) {
     if (empty && handed) {
       // As before the writer thread did the last writes: each queue holds its
       // old head alone until the next init.
+      mp4_handle *bound = nullptr;
       {
         MutexLock lock(data->queue_lock);
+        bound = data->bound;
         data->video_queue = heads[0];
         data->audio_queue = heads[1];
         for (mp4_buffer_node *head : heads)
           if (head != nullptr) head->next = nullptr;
       }
-      // The durable mode committed with the last nodes; nothing waits now.
-      return durability_finish(data);
+      // The last node committed and revealed what the durable mode kept back;
+      // without a last node to write that happens here.
+      return durability_finish(data, bound);
     }
     if (empty) {
       const int64_t polls = (monotonic_ms() - start) / (kQueueTopPauseUs / 1000);
@@ -223,6 +226,7 @@ int mp4_write_data_buffer_finish(mp4_data_buffer *data) {
         DataBuffer_QueuePush(&data->write_queue, head);
         finals[n++] = head;
       }
+      if (n > 0) finals[n - 1]->for_finish = mp4rec::kLastOfFile;  // written last
       handed = true;
       if (n == 0) continue;
     }

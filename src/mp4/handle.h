@@ -90,11 +90,14 @@ enum AudioPosSlot : int {
 
 inline constexpr uint32_t kUnknownTs = 0xFFFFFFFFu;  // "not yet known" in updatePos
 
-// Bits of hiddenTracks. Until a track's first chunk is indexed its trak box is
+// Bits of indexState. Until a track's first chunk is indexed its trak box is
 // typed "free", so that readers skip it; the one word that makes it a "trak"
 // is written once the track's tables describe that chunk.
 inline constexpr uint32_t kHiddenVideo = 1;
 inline constexpr uint32_t kHiddenAudio = 2;
+// A write or seek of the index failed: from then on nothing that readers see
+// is written, so the file keeps the last valid state that reached the card.
+inline constexpr uint32_t kIndexStopped = 4;
 
 struct mp4_handle {
   FILE *file;                        // the .mp4 file ("wb")
@@ -129,7 +132,7 @@ struct mp4_handle {
   uint32_t moovPos;
   struct updatePos *updatePos;  // patch positions (null on the index-at-end road)
   uint32_t maxDuration;
-  uint32_t hiddenTracks;       // kHiddenVideo | kHiddenAudio: traks still typed "free"
+  uint32_t indexState;         // kHiddenVideo, kHiddenAudio, kIndexStopped
   uint32_t videoSampleNumber;  // video samples indexed so far
   // The stream info's flags as they were when this file's head was written;
   // the process-wide flags follow whichever head came last.

@@ -314,7 +314,7 @@ extern "C" int mp4_write_moov_init(FILE *file, mp4_handle *handle, updatePos *po
                         {&pos->mvhdPos, &pos->mvhdDurationPos}));
   s.add(write_video_trak(s, handle, pos->videoPos));
   s.add(write_audio_trak(s, handle, pos->audioPos));
-  handle->hiddenTracks = kHiddenVideo | kHiddenAudio;
+  handle->indexState = kHiddenVideo | kHiddenAudio;
   s.add(box::write_udta(s));
   return moov.close();
 }

@@ -225,11 +225,22 @@ void raise_max_duration(mp4_handle *h, uint32_t d) {
 }
 
 // Runs one step: adds its result and logs `message` when the status is bad.
+// Once a write of the file has failed, the words that readers see are no
+// longer written (the step counts as failed and still logs): the file keeps
+// the state of the last write that reached it, which the order of the writes
+// makes a valid one.
 #define INDEX_STEP(call, message)                                                       \
   do {                                                                                  \
-    s.add(call);                                                                        \
+    s.add(index_stopped(h) ? -1 : (call));                                              \
     if (h->writeStatus != 0) MP4_LOG_AS(kUpdateName, kLogError, kModRecorder, message); \
   } while (0)
+
+// Seeks to a word that readers see, unless a write of the file has failed.
+bool seek_visible(Sink &s, mp4_handle *h, const char *name, uint32_t pos) {
+  if (!index_stopped(h) && seek_to(name, s.file(), pos)) return true;
+  s.add(-1);
+  return false;
+}
 
 void enter_video(Sink &s, mp4_handle *h, VideoBatch batch, uint32_t batch_bytes, ChunkCounts &c) {
   FILE *file = s.file();
@@ -329,21 +340,12 @@ void write_durations(Sink &s, mp4_handle *h, const ChunkCounts &c) {
     INDEX_STEP(mp4_write_mdhd_tag_2_update(file, h, apos, c.media_duration),
                "mp4 write index : write audio mdhd error\n");
   }
-  if (!seek_to(kUpdateName, file, h->updatePos->mvhdDurationPos)) {
-    s.add(-1);
-  } else {
-    s.u32(c.movie_duration);
-  }
+  if (seek_visible(s, h, kUpdateName, h->updatePos->mvhdDurationPos)) s.u32(c.movie_duration);
 }
 
 void write_samples(Sink &s, mp4_handle *h, const ChunkCounts &c) {
-  FILE *file = s.file();
   // mdat covers the chunk's bytes before any table points at them.
-  if (!seek_to(kUpdateName, file, h->mdatPos)) {
-    s.add(-1);
-  } else {
-    s.u32(c.data_end - h->mdatPos);
-  }
+  if (seek_visible(s, h, kUpdateName, h->mdatPos)) s.u32(c.data_end - h->mdatPos);
   write_durations(s, h, c);
   if (c.track == 1) {
     write_word(s, h, kVideoStts, c, c.times);
@@ -354,9 +356,7 @@ void write_samples(Sink &s, mp4_handle *h, const ChunkCounts &c) {
     write_word(s, h, kAudioStts, c, c.times);
   } else {
     // One entry for all frames; its count follows the frames in the file.
-    if (!seek_to(kAudioStts.name, file, h->updatePos->audioPos[kASttsCount] + 4)) {
-      s.add(-1);
-    } else {
+    if (seek_visible(s, h, kAudioStts.name, h->updatePos->audioPos[kASttsCount] + 4)) {
       s.u32(c.times);
       s.u32(h->audioFrameSamples);
     }
@@ -488,15 +488,21 @@ int32_t index_write_counts(FILE *file, mp4_handle *h, const ChunkCounts &c, Coun
   return h->writeStatus;
 }
 
+bool index_stopped(mp4_handle *h) {
+  if ((h->indexState & kIndexStopped) == 0 && h->file != nullptr && std::ferror(h->file) != 0)
+    h->indexState |= kIndexStopped;
+  return (h->indexState & kIndexStopped) != 0;
+}
+
 int32_t index_reveal_track(FILE *file, mp4_handle *h, int track) {
   const uint32_t bit = track == 1 ? kHiddenVideo : kHiddenAudio;
-  if ((h->hiddenTracks & bit) == 0) return h->writeStatus;
+  if ((h->indexState & bit) == 0) return h->writeStatus;
   const uint32_t trak =
       track == 1 ? h->updatePos->videoPos[kVTrak] : h->updatePos->audioPos[kATrak];
   Sink s{file, h->writeStatus};
-  if (!seek_to(kUpdateName, file, trak + 4)) return s.add(-1);
+  if (!seek_visible(s, h, kUpdateName, trak + 4)) return s.status();
   s.tag("trak");
-  h->hiddenTracks &= ~bit;
+  h->indexState &= ~bit;
   return s.status();
 }
 

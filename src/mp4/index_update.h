@@ -83,9 +83,14 @@ int32_t index_enter_chunk(FILE *file, mp4_handle *h, int track, void *head, void
 int32_t index_write_counts(FILE *file, mp4_handle *h, const ChunkCounts &c, CountGroup group);
 // Makes a hidden track ("free") a "trak"; nothing when it is visible already.
 int32_t index_reveal_track(FILE *file, mp4_handle *h, int track);
+// True once a write of the index failed (the stream's error flag, cleared
+// behind each node's bytes, is up): nothing more that readers see is written
+// into this file's index.
+bool index_stopped(mp4_handle *h);
+
 // True while the track's trak is still typed "free".
 inline bool track_hidden(const mp4_handle *h, int track) {
-  return (h->hiddenTracks & (track == 1 ? kHiddenVideo : kHiddenAudio)) != 0;
+  return (h->indexState & (track == 1 ? kHiddenVideo : kHiddenAudio)) != 0;
 }
 
 }  // namespace mp4rec

@@ -201,7 +201,7 @@ TEST(IndexUpdate, EachTrackAppearsWithItsFirstChunk) {
   auto video = video_batch({0, 40}, 10, {1});
   ASSERT_EQ(rec.flush(1, video), 0);
   EXPECT_EQ(types(), (std::vector<std::string>{"mvhd", "trak", "trak", "udta"}));
-  EXPECT_EQ(rec.h->hiddenTracks, 0u);
+  EXPECT_EQ(rec.h->indexState, 0u);
 }
 
 TEST(IndexUpdate, TheFileKeepsItsTimeStampModeWhenTheNextHeadIsMade) {
