@@ -44,7 +44,7 @@ typedef struct mp4_stream_info {
 
 typedef struct mp4_data_buffer mp4_data_buffer; /* frame staging + writer thread */
 typedef struct mp4_buffer_node mp4_buffer_node; /* one storage block of a data buffer */
-typedef struct mp4_handle mp4_handle;           /* per-file state of an H.264 file */
+typedef struct mp4_handle mp4_handle;           /* per-file state of an H.264 or H.265 file */
 typedef struct mp4_mjpeg_ctx mp4_mjpeg_ctx;     /* per-file state of an MJPEG file */
 
 /* One recording target: mode, paths, stream info and data buffer. */
@@ -61,13 +61,14 @@ typedef struct mp4_base {
   mp4_session *mp4_session;
 } mp4_base;
 
-/* A prepared file: video format (1 MJPEG, 2 H.264) and its writer context. */
+/* A prepared file: video format (1 MJPEG, 2 H.264, 3 H.265) and its writer context. */
 typedef struct mp4_handler {
   uint32_t video_format;
   void *mp4_handle;
 } mp4_handler;
 
-/* One video sample: kind (0 non-IDR, 1 IDR), bytes in mdat, time stamp in ms. */
+/* One video sample: kind (0 non-IDR, 1 IDR or, for H.265, IRAP: a sync sample),
+ * bytes in mdat, time stamp in ms. */
 typedef struct videoNode {
   int32_t type;
   uint32_t size;
@@ -158,6 +159,19 @@ MP4REC_API int mp4_set_durability(mp4_session *session, int mode, int interval_m
 
 /* ------------------------------------------------------------------------ */
 /* Pre-open thread                                                           */
+/*                                                                           */
+/* video_format: 1 JPEG pictures (MJPEG file, index at the end); 2 H.264 and  */
+/* 3 H.265 (index reserved in front). audio_format: 1 8-bit PCM, 2 16-bit PCM */
+/* (both encoded to MP2), 3 AAC (ADTS frames).                               */
+/*                                                                           */
+/* An H.265 file takes Annex B NAL units as an H.264 one does, through        */
+/* mp4_write_video (or mp4_write_splite_sps_pps_i for a whole access unit):  */
+/* the first VPS, SPS and PPS go into hvcC, IRAP pictures (BLA, IDR, CRA) are */
+/* sync samples, SEI and other non-VCL units are dropped, and the slice       */
+/* segments of one picture, each handed in on its own, make one sample. A     */
+/* picture before all three parameter sets, a slice whose picture was not     */
+/* taken, or parameter sets larger than the room reserved for them (512 bytes */
+/* of hvcC) are refused with -1 and a log line; the file stays open.          */
 /* ------------------------------------------------------------------------ */
 MP4REC_API int mp4_write_pre_open(mp4_base *base, mp4_session *session, int width, int height,
                                   int video_format, int audio_format);

@@ -127,6 +127,22 @@ void push_to_write_queue(mp4_data_buffer *data, mp4_buffer_node *node);
 // Unlinks the head of a media queue under queue_lock; the node's next is cleared.
 void unlink_queue_head(mp4_data_buffer *data, mp4_buffer_node *&queue);
 
+// What join_video_frame answers when it cannot join.
+inline constexpr int kJoinNoFrame = 1;    // the newest frame is not in the node being filled
+inline constexpr int kJoinTooLarge = -1;  // the frame would outgrow a node
+
+// Appends one more NAL unit of `size` bytes (its 4-byte length included, as
+// the node's `size` counts it), behind its length, to the newest video frame,
+// which must stand last in the node being filled for `handle`: a picture that
+// comes in several slices stays one sample. When that node has no room left
+// the frame moves on with the unit to the next node, and the full node goes to
+// the writer. Returns 0 (the frame's size has grown by `size`),
+// kJoinNoFrame or kJoinTooLarge (nothing written), or the refusal of the data
+// buffer (-2, -4) when no next node came: the full node then went to the
+// writer with the frame as it stood.
+int join_video_frame(mp4_data_buffer *data, const uint8_t *payload, uint32_t size,
+                     mp4_handle *handle);
+
 // Empties a node for reuse: positions, counts, link and handle cleared.
 void reset_node(mp4_buffer_node *node);
 

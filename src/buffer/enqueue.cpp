@@ -147,6 +147,50 @@ int put_grown_video(mp4_data_buffer *data, const uint8_t *payload, videoNode *vn
 
 }  // namespace
 
+namespace mp4rec {
+
+int join_video_frame(mp4_data_buffer *data, const uint8_t *payload, uint32_t size,
+                     mp4_handle *handle) {
+  mp4_buffer_node *node = nullptr;
+  {
+    MutexLock lock(data->queue_lock);
+    node = data->video_queue;
+  }
+  videoNode *frame = node != nullptr ? node->nal_tail : nullptr;
+  if (frame == nullptr || node->mp4 != handle) return kJoinNoFrame;
+  const auto capacity = static_cast<uint32_t>(data->video_buf_size);
+  if (size <= room_left(node, data->video_buf_size)) {
+    append_video(node, payload, size);
+    frame->size += size;
+    return 0;
+  }
+  // The node holds frames in front of this one (else the two would not fit a
+  // node): the frame goes on to the next node, the rest to the writer.
+  if (uint64_t{frame->size} + size > capacity) return kJoinTooLarge;
+  unlink_queue_head(data, data->video_queue);
+  mp4_buffer_node *next = DataBuffer_QueueTop(data, kMediaVideo);
+  if (next == nullptr) {
+    hand_over(data, node);
+    return refusal(data);
+  }
+  const uint32_t moved = frame->size;
+  list_drop_tail(node->nal_head, node->nal_tail);
+  node->frame_count -= 1;
+  node->write_pos -= moved;
+  node->data_len -= moved;
+  std::memcpy(next->buf, node->buf + node->write_pos, moved);
+  hand_over(data, node);
+  next->write_pos = next->data_len = moved;
+  next->frame_count = 0;
+  next->mp4 = handle;
+  DataBuffer_NalistInsert(frame, next);
+  append_video(next, payload, size);
+  frame->size += size;
+  return 0;
+}
+
+}  // namespace mp4rec
+
 extern "C" {
 
 mp4_buffer_node *DataBuffer_QueueTop(mp4_data_buffer *data, int media_type) {

@@ -59,6 +59,11 @@ enum LogOnce : uint32_t {
 bool first_time(const void *record, LogOnce what);
 void forget_once(const void *record);
 
+// Video formats of a pre-open request and of the handler it produces.
+inline constexpr uint32_t kVideoJpeg = 1;  // JPEG pictures, MJPEG file with the index at the end
+inline constexpr uint32_t kVideoH264 = 2;  // H.264, index reserved in front
+inline constexpr uint32_t kVideoH265 = 3;  // H.265, index reserved in front
+
 inline uint32_t relaxed(const std::atomic<uint32_t> &v) {
   return v.load(std::memory_order_relaxed);
 }

@@ -65,13 +65,13 @@ int32_t write_u32_at(Sink &s, uint32_t pos, uint32_t value) {
   return s.status();
 }
 
-int32_t write_ftyp(Sink &s, bool patched) {
+int32_t write_ftyp(Sink &s, bool patched, const char *codec_brand) {
   if (!s) return -1;
   Scope box(s, "ftyp", patched ? Scope::kPatched : kFtypSize);
   if (!box.ok()) return -1;
   s.tag("isom");
   s.u32(0x200);
-  for (const char *brand : {"isom", "iso2", "avc1", "mp41"}) s.tag(brand);
+  for (const char *brand : {"isom", "iso2", codec_brand, "mp41"}) s.tag(brand);
   return box.close();
 }
 

@@ -158,10 +158,10 @@ inline constexpr uint32_t kAudioEntryFieldsSize = 28;   // mp4a contents before 
 // ---------------------------------------------------------------------------
 // Box writers. Each returns the status (see the top of this file) or -1.
 
-// ftyp (32): isom, minor 0x200, compatible isom iso2 avc1 mp41. With
-// `patched` the size is written as 0 and completed by the size patch (same
-// bytes).
-int32_t write_ftyp(Sink &s, bool patched = false);
+// ftyp (32): isom, minor 0x200, compatible isom iso2 avc1 mp41 (with another
+// `codec_brand` in place of avc1). With `patched` the size is written as 0 and
+// completed by the size patch (same bytes).
+int32_t write_ftyp(Sink &s, bool patched = false, const char *codec_brand = "avc1");
 
 // free (8), then the mdat header (8, size 0, type "mdat"). The mdat header's
 // offset is stored through `mdat_pos` (-1 when it cannot be read).

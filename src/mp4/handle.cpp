@@ -2,9 +2,11 @@
 #include "mp4/handle.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <ctime>
 #include <new>
+#include <type_traits>
 
 #include "buffer/data_buffer.h"
 
@@ -16,9 +18,25 @@ std::atomic<int32_t> audioTimeStampFlag{0};
 
 namespace mp4rec {
 
+namespace {
+// A handle and its extra fields in one allocation, the record first.
+struct HandleBlock {
+  mp4_handle handle;
+  HandleExtra extra;
+};
+static_assert(std::is_standard_layout_v<HandleBlock> && offsetof(HandleBlock, handle) == 0);
+}  // namespace
+
 mp4_handle *handle_alloc() {
-  void *mem = std::calloc(1, sizeof(mp4_handle));
-  return mem == nullptr ? nullptr : new (mem) mp4_handle();
+  void *mem = std::calloc(1, sizeof(HandleBlock));
+  return mem == nullptr ? nullptr : &(new (mem) HandleBlock())->handle;
+}
+
+HandleExtra &extra(mp4_handle *h) {
+  return reinterpret_cast<HandleBlock *>(h)->extra;
+}
+const HandleExtra &extra(const mp4_handle *h) {
+  return reinterpret_cast<const HandleBlock *>(h)->extra;
 }
 
 void handle_append_video(mp4_handle *h, videoNode *node) {
@@ -78,6 +96,8 @@ extern "C" void free_mp4_h264(mp4_handle *h) {
   h->sps = nullptr;
   std::free(h->pps);
   h->pps = nullptr;
+  std::free(mp4rec::extra(h).vps);
+  mp4rec::extra(h).vps = nullptr;
   mp4rec::list_free(h->videoHead, h->videoTail);
   if (h->updatePos != nullptr) {
     std::free(h->updatePos->videoPos);

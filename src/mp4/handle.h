@@ -175,6 +175,22 @@ void handle_append_audio(mp4_handle *h, audioNode *node);
 }  // namespace mp4rec
 
 namespace mp4rec {
-// A zeroed handle (null pointers, zero counters); release with free_mp4_h264.
+
+// What the library keeps per file beyond the record, which keeps its layout:
+// it lies right behind the record in the same allocation.
+struct HandleExtra {
+  uint32_t videoCodec;  // kVideoH264 or kVideoH265
+  uint8_t *vps;         // H.265: the first video parameter set (without start code)
+  uint32_t vpsLen;
+  // H.265: the newest picture was accepted, so its further slices join its sample.
+  bool pictureOpen;
+};
+
+// A zeroed handle (null pointers, zero counters) with its extra fields;
+// release with free_mp4_h264.
 mp4_handle *handle_alloc();
+// The extra fields of a handle made by handle_alloc.
+HandleExtra &extra(mp4_handle *h);
+const HandleExtra &extra(const mp4_handle *h);
+
 }  // namespace mp4rec

@@ -11,6 +11,7 @@
 #include "mp4/box.h"
 #include "mp4/handle.h"
 #include "mp4/head.h"
+#include "mp4/hevc.h"
 
 namespace mp4rec {
 
@@ -22,6 +23,23 @@ uint64_t reserved_moov_size(uint32_t audio_format, bool audio_time_stamps, uint6
   const uint64_t stsd = audio_format == 3 ? 91 : 87;
   const uint64_t stts_entries = audio_time_stamps ? audio_frames : 1;
   return 1577 + stsd + 32 * video_frames + 8 * stts_entries + 20 * audio_frames;
+}
+
+const char *config_box(uint32_t codec) {
+  return codec == kVideoH265 ? "hvcC" : "avcC";
+}
+
+std::vector<uint8_t> empty_config(uint32_t codec) {
+  return codec == kVideoH265 ? hevc::config_record({}, {}, {}) : box::avc_config({}, {});
+}
+
+std::vector<uint8_t> full_config(const mp4_handle *h) {
+  if (const HandleExtra &x = extra(h); x.videoCodec == kVideoH265) {
+    if (!hevc::has_parameter_sets(h)) return {};
+    return hevc::config_record({x.vps, x.vpsLen}, {h->sps, h->spsLen}, {h->pps, h->ppsLen});
+  }
+  if (h->sps == nullptr || h->spsLen == 0 || h->pps == nullptr || h->ppsLen == 0) return {};
+  return box::avc_config({h->sps, h->spsLen}, {h->pps, h->ppsLen});
 }
 
 namespace {
@@ -66,18 +84,20 @@ uint32_t here(Sink &s) {
   return static_cast<uint32_t>(s.tell());
 }
 
-// Reserved avcC: a configuration record without parameter sets and a free box
-// over the rest of the reserve, until SPS and PPS are known.
-int32_t write_avcc_reserved(Sink &s, uint32_t *vpos) {
+// The reserved decoder configuration (avcC or hvcC): a record without
+// parameter sets and a free box over the rest of the reserve, until the
+// parameter sets are known.
+int32_t write_config_reserved(Sink &s, const mp4_handle *h, uint32_t *vpos) {
+  const std::vector<uint8_t> empty = empty_config(extra(h).videoCodec);
   {
-    Scope avcc(s, "avcC");
-    if (!avcc.ok()) return -1;
-    vpos[kVAvcC] = avcc.start();
+    Scope config(s, config_box(extra(h).videoCodec));
+    if (!config.ok()) return -1;
+    vpos[kVAvcC] = config.start();
     vpos[kVAvcCDataPos] = vpos[kVAvcCDataEnd] = here(s);
-    box::write_avc_config(s, {}, {});
-    s.add(avcc.close());
+    s.bytes(empty);
+    s.add(config.close());
   }
-  const uint32_t room = kAvcCReserve - box::avc_config_size(0, 0);
+  const uint32_t room = kAvcCReserve - static_cast<uint32_t>(empty.size());
   Scope free(s, "free", room);
   if (!free.ok()) return -1;
   s.zeros(room - 8);
@@ -92,12 +112,12 @@ int32_t write_video_stsd(Sink &s, const mp4_handle *h, uint32_t *vpos) {
   vpos[kVStsdCount] = here(s);
   s.u32(1);
   {
-    Scope avc1(s, "avc1");
-    if (!avc1.ok()) return -1;
-    vpos[kVAvc1] = avc1.start();
+    Scope entry(s, extra(h).videoCodec == kVideoH265 ? "hvc1" : "avc1");
+    if (!entry.ok()) return -1;
+    vpos[kVAvc1] = entry.start();
     box::write_visual_entry_fields(s, h->width, h->height);
-    s.add(write_avcc_reserved(s, vpos));
-    s.add(avc1.close());
+    s.add(write_config_reserved(s, h, vpos));
+    s.add(entry.close());
   }
   return stsd.close();
 }
@@ -319,18 +339,26 @@ extern "C" int mp4_write_moov_init(FILE *file, mp4_handle *handle, updatePos *po
   return moov.close();
 }
 
-extern "C" mp4_handle *mp4_write_head_h264_index(const char *mp4_path, const char *mp2_tmp_path,
-                                                 int width, int height, int audio_format,
-                                                 mp4_stream_info *info) {
+namespace mp4rec {
+
+namespace {
+
+// The head writer of both codecs; its messages are logged under `name`.
+#define HEAD_ERR(message) MP4_LOG_AS(name, kLogError, kModRecorder, message)
+
+mp4_handle *write_head_index(const char *name, uint32_t codec, const char *mp4_path,
+                             const char *mp2_tmp_path, int width, int height, int audio_format,
+                             mp4_stream_info *info) {
   if (info == nullptr) {
-    MP4_ERR("mp4 open write head : param error\n");
+    HEAD_ERR("mp4 open write head : param error\n");
     return nullptr;
   }
   HandlePtr h(handle_alloc());
   if (!h) {
-    MP4_ERR("mp4 open write head : param error\n");
+    HEAD_ERR("mp4 open write head : param error\n");
     return nullptr;
   }
+  extra(h.get()).videoCodec = codec;
   // The record is attached at once so that every failure below releases it
   // with the handle.
   auto *pos = static_cast<updatePos *>(std::calloc(1, sizeof(updatePos)));
@@ -342,7 +370,7 @@ extern "C" mp4_handle *mp4_write_head_h264_index(const char *mp4_path, const cha
     }
   }
   if (pos == nullptr || pos->videoPos == nullptr || pos->audioPos == nullptr) {
-    MP4_ERR("mp4 open write head : updatePos malloc error\n");
+    HEAD_ERR("mp4 open write head : updatePos malloc error\n");
     return nullptr;
   }
 
@@ -366,17 +394,17 @@ extern "C" mp4_handle *mp4_write_head_h264_index(const char *mp4_path, const cha
   h->creationTime = creation_time(kMp4EpochOffset);
 
   if (mp4_path == nullptr || mp2_tmp_path == nullptr) {
-    MP4_ERR("mp4 open write head : file path error\n");
+    HEAD_ERR("mp4 open write head : file path error\n");
     return nullptr;
   }
   if (audio_format < 1 || audio_format > 3) {
-    MP4_ERR("mp4 open write head : audio format error\n");
+    HEAD_ERR("mp4 open write head : audio format error\n");
     return nullptr;
   }
   h->audioFormat = static_cast<uint32_t>(audio_format);
   if (audio_format == 3) h->audioFrameSamples = 1024;
   if (width < 1 || height < 1) {
-    MP4_ERR("mp4 open write head : video width or height error\n");
+    HEAD_ERR("mp4 open write head : video width or height error\n");
     return nullptr;
   }
   h->width = static_cast<uint32_t>(width);
@@ -388,24 +416,24 @@ extern "C" mp4_handle *mp4_write_head_h264_index(const char *mp4_path, const cha
   if (reserved_moov_size(
           h->audioFormat, stamps, span * static_cast<uint32_t>(info->video_frame_rate),
           span * (static_cast<uint32_t>(info->audio_sample_rate) / 1024)) > kMaxReservedMoov) {
-    MP4_ERR("mp4 open write head : param error\n");
+    HEAD_ERR("mp4 open write head : param error\n");
     return nullptr;
   }
 
   h->file = mp4_fopen(mp4_path, "wb");
   if (h->file == nullptr) {
-    MP4_ERR("mp4 open write head : open mp4 file failed\n");
+    HEAD_ERR("mp4 open write head : open mp4 file failed\n");
     return nullptr;
   }
   h->mp2File = mp4_fopen(mp2_tmp_path, "wb+");
   if (h->mp2File == nullptr) {
-    MP4_ERR("mp4 open write head : open tmp mp2 file failed\n");
+    HEAD_ERR("mp4 open write head : open tmp mp2 file failed\n");
     discard(h->file, mp4_path);
     return nullptr;
   }
   h->mp2Encoder = MP2_encode_init(static_cast<int>(h->sampleRate), 24000, 1);
   if (h->mp2Encoder == nullptr) {
-    MP4_ERR("mp4 open write head : mp2 encoder init error!\n");
+    HEAD_ERR("mp4 open write head : mp2 encoder init error!\n");
     discard(h->file, mp4_path);
     discard(h->mp2File, mp2_tmp_path);
     return nullptr;
@@ -420,7 +448,7 @@ extern "C" mp4_handle *mp4_write_head_h264_index(const char *mp4_path, const cha
   audioTimeStampFlag.store(static_cast<int32_t>(h->audioTimeStamps), std::memory_order_relaxed);
 
   Sink s{h->file, h->writeStatus};
-  s.add(box::write_ftyp(s));
+  s.add(box::write_ftyp(s, false, codec == kVideoH265 ? "hvc1" : "avc1"));
   s.add(mp4_write_moov_init(h->file, h.get(), pos));
   s.add(box::write_free_mdat(s, &h->mdatPos));
   // A head that did not reach the file fails it: nothing recorded behind it
@@ -434,4 +462,23 @@ extern "C" mp4_handle *mp4_write_head_h264_index(const char *mp4_path, const cha
   pos->dataPos = h->mdatPos + 8;
   pos->videoPos[kVChunkOffset] = pos->dataPos;
   return h.release();
+}
+
+#undef HEAD_ERR
+
+}  // namespace
+
+mp4_handle *mp4_write_head_h265_index(const char *mp4_path, const char *mp2_tmp_path, int width,
+                                      int height, int audio_format, mp4_stream_info *info) {
+  return write_head_index(__func__, kVideoH265, mp4_path, mp2_tmp_path, width, height, audio_format,
+                          info);
+}
+
+}  // namespace mp4rec
+
+extern "C" mp4_handle *mp4_write_head_h264_index(const char *mp4_path, const char *mp2_tmp_path,
+                                                 int width, int height, int audio_format,
+                                                 mp4_stream_info *info) {
+  return write_head_index(__func__, kVideoH264, mp4_path, mp2_tmp_path, width, height, audio_format,
+                          info);
 }

@@ -396,37 +396,37 @@ int32_t mp4_write_mdhd_tag_2_update(FILE *file, mp4_handle *h, uint32_t *apos, u
 }
 
 int32_t mp4_write_stsd_tag_update(FILE *file, mp4_handle *h, uint32_t *vpos) {
-  if (vpos[kVAvcCDataEnd] != vpos[kVAvcCDataPos] || h->sps == nullptr || h->spsLen == 0 ||
-      h->pps == nullptr || h->ppsLen == 0) {
-    return 0;
-  }
-  if (box::avc_config_size(h->spsLen, h->ppsLen) > kAvcCReserve) {
+  if (vpos[kVAvcCDataEnd] != vpos[kVAvcCDataPos]) return 0;
+  const auto record = full_config(h);
+  if (record.empty()) return 0;
+  if (record.size() > kAvcCReserve) {
     if (first_time(h, kOnceAvcConfig))
-      MP4_ERR("mp4 write index : sps and pps do not fit the reserved avcC\n");
+      MP4_ERR(extra(h).videoCodec == kVideoH265
+                  ? "mp4 write index : vps, sps and pps do not fit the reserved hvcC\n"
+                  : "mp4 write index : sps and pps do not fit the reserved avcC\n");
     return -1;
   }
-  // The new avcC (header, record, padding) and the header of the free box
-  // behind it, as they will stand in the file.
+  // The new configuration box (header, record, padding) and the header of the
+  // free box behind it, as they will stand in the file.
   std::vector<uint8_t> image(8);
   auto put32 = [&image](size_t at, uint32_t v) {
     for (int i = 0; i < 4; ++i) image[at + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
   };
-  const auto record = box::avc_config({h->sps, h->spsLen}, {h->pps, h->ppsLen});
   const uint32_t content = avcc_content_size(static_cast<uint32_t>(record.size()));
   image.insert(image.end(), record.begin(), record.end());
   image.resize(8 + content);  // zero padding, if any
   put32(0, 8 + content);
-  std::copy_n("avcC", 4, image.begin() + 4);
+  std::copy_n(config_box(extra(h).videoCodec), 4, image.begin() + 4);
   if (content < kAvcCReserve) {
     image.resize(8 + content + 8);
     put32(8 + content, kAvcCReserve - content);
     std::copy_n("free", 4, image.begin() + 8 + content + 4);
   }
   // Everything behind the old free box's header lies inside that box and is
-  // written first; then one write of the avcC header, the record's first bytes
+  // written first; then one write of the box header, the record's first bytes
   // and whatever stands over the old free header turns the old layout into
   // the new one, so the entry parses at every moment.
-  const size_t old_layout = 8 + box::avc_config_size(0, 0) + 8;
+  const size_t old_layout = 8 + empty_config(extra(h).videoCodec).size() + 8;
   const size_t first = std::min(image.size(), old_layout);
   Sink s{file, h->writeStatus};
   if (image.size() > first) {

@@ -27,10 +27,11 @@ int32_t mp4_write_trak_tag_2_update(FILE *file, mp4_handle *h, uint32_t *audioPo
 int32_t mp4_write_mdhd_tag_2_update(FILE *file, mp4_handle *h, uint32_t *audioPos,
                                     uint32_t duration);
 
-// Writes the avcC decoder configuration into the reserved avcC once: only while
-// nothing has been written there yet and both SPS and PPS are known (else 0).
-// The avcC box grows to the record and the free box behind it shrinks to the
-// rest of the reserve (see kAvcCReserve). A configuration that does not fit
+// Writes the decoder configuration into the reserved avcC or hvcC once: only
+// while nothing has been written there yet and the parameter sets are known
+// (SPS and PPS; for H.265 also the VPS), else 0. The box grows to the record
+// and the free box behind it shrinks to the rest of the reserve (see
+// kAvcCReserve). A configuration that does not fit
 // the reserve is not written: it logs and returns -1.
 int32_t mp4_write_stsd_tag_update(FILE *file, mp4_handle *h, uint32_t *videoPos);
 

@@ -1,6 +1,6 @@
-// Sample intake: one H.264 NAL unit or one audio frame is checked against the
-// MP4 handle, described by an index record and handed with its bytes to the
-// data buffer. Nothing is written to the file here; the writer thread writes
+// Sample intake: one H.264 NAL unit (H.265: see hevc.cpp) or one audio frame
+// is checked against the MP4 handle, described by an index record and handed
+// with its bytes to the data buffer. Nothing is written to the file here; the writer thread writes
 // the bytes and brings the index up to date once they are on the card.
 #include <cstdlib>
 #include <cstring>
@@ -24,70 +24,63 @@ int file_full(mp4_handle *handle, const char *message) {
   return -5;
 }
 
-// Releases the handle after a refused unit: the file is first brought to the
-// state a close leaves (every frame already accepted written and indexed),
-// then the data buffer lets go of it, then it is freed.
-int release(mp4_handle *handle, bool *released) {
+}  // namespace
+
+namespace mp4rec {
+
+int refuse_when_full(mp4_handle *handle, uint32_t bytes) {
+  return file_has_room(handle, bytes) ? 0 : file_full(handle, "mp4 write video : file is full\n");
+}
+
+int release_handle(mp4_handle *handle, bool *released) {
   if (handle != nullptr && handle->dataBuffer != nullptr) mp4_sync_data_buffer(handle);
   free_mp4_h264(handle);
   *released = true;
   return -1;
 }
 
-}  // namespace
-
-namespace mp4rec {
-
-int write_one_h264(unsigned char *data, int length, int timestamp, mp4_handle *handle,
-                   bool *released) {
+int checked_start_code(const char *name, const char *head_error, unsigned char *data, int length,
+                       int timestamp, mp4_handle *handle, int header, bool *released) {
   *released = false;
   if (handle == nullptr || data == nullptr || handle->file == nullptr || length < 4 ||
       timestamp < 0) {
-    MP4_ERR("mp4 write video : param error\n");
-    return release(handle, released);
+    MP4_LOG_AS(name, kLogError, kModRecorder, "mp4 write video : param error\n");
+    release_handle(handle, released);
+    return 0;
   }
   const int sc = nal_start_code_length(data, length);
-  if (sc == 0) {
-    MP4_ERR("mp4 write video : h264 nal head error\n");
-    return release(handle, released);
+  if (sc == 0 || length - sc < header) {
+    MP4_LOG_AS(name, kLogError, kModRecorder, "%s", head_error);
+    release_handle(handle, released);
+    return 0;
   }
-  const NalClass nal = classify_nal(data[sc]);
-  const auto unit_len = static_cast<uint32_t>(length - sc);
-  if (nal == kNalSps &&
-      !keep_first_parameter_set(handle->sps, handle->spsLen, data + sc, unit_len)) {
-    MP4_ERR("mp4 write video : malloc sps space error\n");
-    return release(handle, released);
-  }
-  if (nal == kNalPps &&
-      !keep_first_parameter_set(handle->pps, handle->ppsLen, data + sc, unit_len)) {
-    MP4_ERR("mp4 write video : malloc pps space\n");
-    return release(handle, released);
-  }
-  // Parameter sets, SEI and every other kind of unit never reach mdat.
-  if (nal != kNalPicture && nal != kNalIdr) return 0;
+  return sc;
+}
 
+int enqueue_picture(const char *name, mp4_handle *handle, unsigned char *payload, uint32_t unit_len,
+                    NalClass kind, int timestamp, bool *released) {
   if (relaxed(handle->videoCount) >= handle->maxVideoFrames) {
-    MP4_ERR("mp4 write video : frame number out of range\n");
+    MP4_LOG_AS(name, kLogError, kModRecorder, "mp4 write video : frame number out of range\n");
     return -5;
   }
   // Stored with a 4-byte length in place of the start code, whatever its size.
   const uint32_t stored = unit_len + 4;
-  if (!file_has_room(handle, stored)) return file_full(handle, "mp4 write video : file is full\n");
+  if (const int full = refuse_when_full(handle, stored); full != 0) return full;
   auto *node = static_cast<videoNode *>(std::malloc(sizeof(videoNode)));
   if (node == nullptr) {
-    MP4_ERR("mp4 write video : malloc videoNode list space error\n");
-    return release(handle, released);
+    MP4_LOG_AS(name, kLogError, kModRecorder,
+               "mp4 write video : malloc videoNode list space error\n");
+    return release_handle(handle, released);
   }
-  *node = videoNode{nal, stored, static_cast<uint32_t>(timestamp), 0, nullptr};
+  *node = videoNode{kind, stored, static_cast<uint32_t>(timestamp), 0, nullptr};
   if (handle->dataBuffer == nullptr) {
-    MP4_ERR("mp4 write video : data buffer is NULL!\n");
+    MP4_LOG_AS(name, kLogError, kModRecorder, "mp4 write video : data buffer is NULL!\n");
     std::free(node);
     return -1;
   }
-  const int r =
-      mp4_write_data_buffer_write_video_index(handle->dataBuffer, data + sc, node, handle);
+  const int r = mp4_write_data_buffer_write_video_index(handle->dataBuffer, payload, node, handle);
   if (r != 0) {
-    MP4_ERR("mp4 write video : put frame into buffer error\n");
+    MP4_LOG_AS(name, kLogError, kModRecorder, "mp4 write video : put frame into buffer error\n");
     std::free(node);
     return r;
   }
@@ -95,6 +88,28 @@ int write_one_h264(unsigned char *data, int length, int timestamp, mp4_handle *h
   handle->videoCount.fetch_add(1, std::memory_order_relaxed);
   handle->mediaBytes.fetch_add(stored, std::memory_order_relaxed);
   return 0;
+}
+
+int write_one_h264(unsigned char *data, int length, int timestamp, mp4_handle *handle,
+                   bool *released) {
+  const int sc = checked_start_code(__func__, "mp4 write video : h264 nal head error\n", data,
+                                    length, timestamp, handle, 1, released);
+  if (sc == 0) return -1;
+  const NalClass nal = classify_nal(data[sc]);
+  const auto unit_len = static_cast<uint32_t>(length - sc);
+  if (nal == kNalSps &&
+      !keep_first_parameter_set(handle->sps, handle->spsLen, data + sc, unit_len)) {
+    MP4_ERR("mp4 write video : malloc sps space error\n");
+    return release_handle(handle, released);
+  }
+  if (nal == kNalPps &&
+      !keep_first_parameter_set(handle->pps, handle->ppsLen, data + sc, unit_len)) {
+    MP4_ERR("mp4 write video : malloc pps space\n");
+    return release_handle(handle, released);
+  }
+  // Parameter sets, SEI and every other kind of unit never reach mdat.
+  if (nal != kNalPicture && nal != kNalIdr) return 0;
+  return enqueue_picture(__func__, handle, data + sc, unit_len, nal, timestamp, released);
 }
 
 }  // namespace mp4rec

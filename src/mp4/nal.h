@@ -1,10 +1,13 @@
-// H.264 NAL units as the writers take them: one unit behind an Annex B start
-// code, classified by its type, with the first parameter sets kept per file.
+// NAL units as the writers take them: one unit behind an Annex B start code,
+// classified by its type, with the first parameter sets kept per file. The
+// H.264 classification is here; H.265's is in hevc.h.
 #pragma once
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <span>
+#include <vector>
 
 namespace mp4rec {
 
@@ -17,6 +20,7 @@ enum NalClass : int32_t {
   kNalSps = 2,
   kNalPps = 3,
   kNalSei = 4,
+  kNalVps = 5,  // H.265 only
 };
 
 constexpr NalClass classify_nal(uint8_t nal_header) {
@@ -46,6 +50,23 @@ inline int nal_start_code_length(const uint8_t *data, int length) {
   if (data[2] == 0 && data[3] == 1 && length >= 5) return 4;
   if (data[2] == 1) return 3;
   return 0;
+}
+
+// A unit's RBSP: its bytes without the emulation prevention bytes (a 03
+// behind two zero bytes).
+inline std::vector<uint8_t> unescape_rbsp(std::span<const uint8_t> unit) {
+  std::vector<uint8_t> out;
+  out.reserve(unit.size());
+  int zeros = 0;
+  for (const uint8_t c : unit) {
+    if (zeros >= 2 && c == 3) {
+      zeros = 0;
+      continue;
+    }
+    out.push_back(c);
+    zeros = c == 0 ? zeros + 1 : 0;
+  }
+  return out;
 }
 
 // Keeps the first copy of a parameter set for the whole file. False when the

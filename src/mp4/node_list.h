@@ -18,6 +18,19 @@ void list_append(Node *&head, Node *&tail, Node *node) {
   tail = node;
 }
 
+// Unlinks the last node (not freed) by walking to the one before it.
+template <typename Node>
+void list_drop_tail(Node *&head, Node *&tail) {
+  Node *before = nullptr;
+  for (Node *n = head; n != tail; n = n->next) before = n;
+  if (before == nullptr) {
+    head = nullptr;
+  } else {
+    before->next = nullptr;
+  }
+  tail = before;
+}
+
 // Frees every node from the head, saving `next` before each free, and
 // empties the list.
 template <typename Node>

@@ -1,6 +1,7 @@
 // The recording front end: takes the pre-opened file, binds it to the session's
 // data buffer and dispatches every frame and the close to the writer of the
-// handler's video format (1 MJPEG, anything else H.264 with the index in front).
+// handler's video format (1 MJPEG; 3 H.265 and anything else H.264, both with
+// the index in front).
 #include <pthread.h>
 
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include "common/internal.h"
 #include "mp4/alt/mjpeg.h"
 #include "mp4/handle.h"
+#include "mp4/hevc.h"
 #include "mp4/intake.h"
 #include "session/front_end.h"
 #include "session/pre_open.h"
@@ -194,6 +196,8 @@ extern "C" MP4REC_API int mp4_write_video(unsigned char *data, int length, int t
   const int result =
       is_jpeg(handler)
           ? mp4rec::mjpeg_write_one(data, length, timestamp, jpeg_of(handler), &released)
+      : handler->video_format == mp4rec::kVideoH265
+          ? mp4rec::write_one_h265(data, length, timestamp, h264_of(handler), &released)
           : mp4rec::write_one_h264(data, length, timestamp, h264_of(handler), &released);
   if (released) handler->mp4_handle = nullptr;
   return report(__func__, kVideoTexts, result);

@@ -15,6 +15,7 @@
 #include "buffer/stall.h"
 #include "common/internal.h"
 #include "mp4/alt/mjpeg.h"
+#include "mp4/head.h"
 #include "session/front_end.h"
 
 namespace {
@@ -133,13 +134,16 @@ void *end_thread() {
 // Makes the file of one request; null when the request cannot be served.
 HandlerPtr generate(const Request &req, HandlerPtr handler) {
   switch (static_cast<uint32_t>(req.video_format)) {
-    case mp4rec::kVideoH264: {
-      handler->video_format = mp4rec::kVideoH264;
-      handler->mp4_handle = mp4_write_head_h264_index(req.mp4_path, req.mp2_tmp_path, req.width,
-                                                      req.height, req.audio_format, req.info);
+    case mp4rec::kVideoH264:
+    case mp4rec::kVideoH265: {
+      const bool hevc = req.video_format == static_cast<int32_t>(mp4rec::kVideoH265);
+      handler->video_format = static_cast<uint32_t>(req.video_format);
+      handler->mp4_handle = (hevc ? mp4rec::mp4_write_head_h265_index : mp4_write_head_h264_index)(
+          req.mp4_path, req.mp2_tmp_path, req.width, req.height, req.audio_format, req.info);
       if (handler->mp4_handle == nullptr) {
         MP4_LOG_AS(kThreadName, mp4rec::kLogError, mp4rec::kModRecorder,
-                   "mp4 open : write head of h264 error\n");
+                   hevc ? "mp4 open : write head of h265 error\n"
+                        : "mp4 open : write head of h264 error\n");
         return nullptr;
       }
       return handler;

@@ -7,10 +7,6 @@ struct mp4_session;
 
 namespace mp4rec {
 
-// Video formats of a pre-open request and of the handler it produces.
-inline constexpr uint32_t kVideoJpeg = 1;  // JPEG pictures, MJPEG file with the index at the end
-inline constexpr uint32_t kVideoH264 = 2;  // H.264, index reserved in front
-
 // Forgets a request that a previous pre-open thread left unserved; called by
 // mp4_base_new before it starts a new thread, which counts as running from
 // then on unless pre_open_thread_not_started() says otherwise.

@@ -32,10 +32,10 @@ struct Recording {
   std::string path = dir.file("rec.mp4");
   HandlePtr h;
 
-  explicit Recording(const InfoParams &params = {}, int audio_format = 1) {
+  explicit Recording(const InfoParams &params = {}, int audio_format = 1, bool hevc = false) {
     auto info = fitest::make_info(params);
-    h.reset(mp4_write_head_h264_index(path.c_str(), dir.file("rec.mp2").c_str(), 320, 240,
-                                      audio_format, info.get()));
+    h.reset((hevc ? mp4rec::mp4_write_head_h265_index : mp4_write_head_h264_index)(
+        path.c_str(), dir.file("rec.mp2").c_str(), 320, 240, audio_format, info.get()));
   }
   uint32_t data_start() const { return h->mdatPos + 8; }
 
@@ -298,35 +298,98 @@ TEST(IndexUpdate, DecoderConfigurationIsWrittenOnceWhenSpsAndPpsAreKnown) {
   EXPECT_EQ(f.slice(f.at(avcc).offset + 8, expect.size()), expect);
 }
 
-// Whatever room SPS and PPS leave of the bytes reserved for them, the avc1
-// entry parses at every moment of the update, as the empty configuration with
-// its free box or as the written one: the rest of the reserve is a free box,
-// or zero padding inside avcC when fewer than 8 bytes are left.
+// The hvcC of a known VPS, SPS and PPS, field by field; written once all three
+// are known, over the room reserved for it.
+TEST(IndexUpdate, HevcConfigurationOfAKnownStream) {
+  Recording rec({}, 1, true);
+  ASSERT_TRUE(rec.h);
+  const std::string entry = std::string(kV) + "stsd/hvc1";
+  EXPECT_EQ(rec.read().tree(entry), "hvc1 606\n  hvcC 31\n  free 489\n");
+  mp4rec::extra(rec.h.get()).vps = heap_copy(fitest::kHevcVps);
+  mp4rec::extra(rec.h.get()).vpsLen = static_cast<uint32_t>(fitest::kHevcVps.size());
+  rec.h->sps = heap_copy(fitest::kHevcSps);
+  rec.h->spsLen = static_cast<uint32_t>(fitest::kHevcSps.size());
+  auto early = video_batch({0}, 10);
+  ASSERT_EQ(rec.flush(1, early), 0);
+  EXPECT_EQ(rec.read().tree(entry), "hvc1 606\n  hvcC 31\n  free 489\n") << "no PPS yet";
+
+  rec.h->pps = heap_copy(fitest::kHevcPps);
+  rec.h->ppsLen = static_cast<uint32_t>(fitest::kHevcPps.size());
+  auto next = video_batch({40}, 10);
+  ASSERT_EQ(rec.flush(1, next), 0);
+  const BoxFile f = rec.read();
+  EXPECT_EQ(f.tree(entry), "hvc1 606\n  hvcC 116\n  free 404\n");
+  std::vector<uint8_t> expect = {
+      0x01,                                // configurationVersion
+      0x24,                                // profile space 0, high tier, profile 4 (RExt)
+      0x08, 0x00, 0x00, 0x00,              // compatible with profile 4
+      0x9D, 0x08, 0x00, 0x00, 0x00, 0x00,  // constraint flags (the SPS's, unescaped)
+      0x99,                                // level 5.1
+      0xF0, 0x00,                          // min_spatial_segmentation_idc 0
+      0xFC,                                // parallelismType 0
+      0xFE,                                // chroma 4:2:2
+      0xFA, 0xFA,                          // 10-bit luma and chroma
+      0x00, 0x00,                          // avgFrameRate unspecified
+      0x0F,                                // one temporal layer, nested; 4-byte lengths
+      0x03,                                // three arrays
+  };
+  for (const auto *set : {&fitest::kHevcVps, &fitest::kHevcSps, &fitest::kHevcPps}) {
+    // complete, of the set's type; one unit; its length; the unit
+    expect.insert(expect.end(), {static_cast<uint8_t>(0x80 | (*set)[0] >> 1), 0x00, 0x01, 0x00,
+                                 static_cast<uint8_t>(set->size())});
+    expect.insert(expect.end(), set->begin(), set->end());
+  }
+  EXPECT_EQ(f.slice(f.at(entry + "/hvcC").offset + 8, expect.size()), expect);
+}
+
+// Whatever room the parameter sets leave of the bytes reserved for them, the
+// sample entry parses at every moment of the update, as the empty
+// configuration with its free box or as the written one: the rest of the
+// reserve is a free box, or zero padding inside avcC when fewer than 8 bytes
+// are left. The same for hvcC, whose empty record is longer.
 TEST(IndexUpdate, TheRoomBehindTheDecoderConfigurationParsesAfterEveryWrite) {
-  const std::string entry = std::string(kV) + "stsd/avc1";
-  const std::string empty = "avc1 606\n  avcC 15\n  free 505\n";
   struct Case {
+    bool hevc;
     uint32_t left;  // of the 512 bytes, behind the record
     std::string written;
   };
-  const Case cases[] = {{9, "avc1 606\n  avcC 511\n  free 9\n"},
-                        {8, "avc1 606\n  avcC 512\n  free 8\n"},
-                        {7, "avc1 606\n  avcC 520\n"},
-                        {1, "avc1 606\n  avcC 520\n"},
-                        {0, "avc1 606\n  avcC 520\n"}};
+  const Case cases[] = {{false, 9, "avc1 606\n  avcC 511\n  free 9\n"},
+                        {false, 8, "avc1 606\n  avcC 512\n  free 8\n"},
+                        {false, 7, "avc1 606\n  avcC 520\n"},
+                        {false, 1, "avc1 606\n  avcC 520\n"},
+                        {false, 0, "avc1 606\n  avcC 520\n"},
+                        {true, 9, "hvc1 606\n  hvcC 511\n  free 9\n"},
+                        {true, 0, "hvc1 606\n  hvcC 520\n"}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.left);
     testsupport::SimCard card;
-    Recording rec;
+    Recording rec({}, 1, c.hevc);
     ASSERT_TRUE(rec.h);
-    const std::vector<uint8_t> pps = {0x68, 0xEE, 0x3C};
-    // The record is 14 bytes and the SPS.
-    std::vector<uint8_t> sps(mp4rec::kAvcCReserve - c.left - 14, 0);
-    sps[0] = 0x67;
-    rec.h->sps = heap_copy(sps);
-    rec.h->spsLen = static_cast<uint32_t>(sps.size());
-    rec.h->pps = heap_copy(pps);
-    rec.h->ppsLen = static_cast<uint32_t>(pps.size());
+    const std::string entry = std::string(kV) + (c.hevc ? "stsd/hvc1" : "stsd/avc1");
+    const std::string empty =
+        c.hevc ? "hvc1 606\n  hvcC 31\n  free 489\n" : "avc1 606\n  avcC 15\n  free 505\n";
+    if (c.hevc) {
+      // The record is 38 bytes, SPS and PPS, and the VPS.
+      const uint32_t sps = static_cast<uint32_t>(fitest::kHevcSps.size());
+      const uint32_t pps = static_cast<uint32_t>(fitest::kHevcPps.size());
+      std::vector<uint8_t> vps(mp4rec::kAvcCReserve - c.left - 38 - sps - pps, 0);
+      vps[0] = 0x40;
+      mp4rec::extra(rec.h.get()).vps = heap_copy(vps);
+      mp4rec::extra(rec.h.get()).vpsLen = static_cast<uint32_t>(vps.size());
+      rec.h->sps = heap_copy(fitest::kHevcSps);
+      rec.h->spsLen = sps;
+      rec.h->pps = heap_copy(fitest::kHevcPps);
+      rec.h->ppsLen = pps;
+    } else {
+      const std::vector<uint8_t> pps = {0x68, 0xEE, 0x3C};
+      // The record is 14 bytes and the SPS.
+      std::vector<uint8_t> sps(mp4rec::kAvcCReserve - c.left - 14, 0);
+      sps[0] = 0x67;
+      rec.h->sps = heap_copy(sps);
+      rec.h->spsLen = static_cast<uint32_t>(sps.size());
+      rec.h->pps = heap_copy(pps);
+      rec.h->ppsLen = static_cast<uint32_t>(pps.size());
+    }
     std::fflush(rec.h->file);
     const size_t before = card.log(rec.path).size();
     auto batch = video_batch({0}, 10);

@@ -150,7 +150,7 @@ TEST(PreOpen, OpenFirstReplacesTheAttachedSession) {
   mp4_session *a = new_session(dir.file("a.mp4"), dir.file("a.mp2"));
   mp4_session *b = new_session(dir.file("b.mp4"), dir.file("b.mp2"));
   ASSERT_TRUE(a && b);
-  ASSERT_EQ(mp4_write_pre_open(base, a, 320, 240, 3, 3), 0);
+  ASSERT_EQ(mp4_write_pre_open(base, a, 320, 240, 4, 3), 0);
   ASSERT_TRUE(eventually([&] { return log.has("mp4 open : video format error\n"); }));
 
   EXPECT_EQ(mp4_write_open_first(nullptr, b, 320, 240, 2, 3), -1);
@@ -189,6 +189,7 @@ TEST(PreOpen, RequestsThatMakeNoFileLeaveTheSlotEmpty) {
   for (const Case c : {Case{320, 0, 3, "mp4 open : video format error\n"},
                        Case{0, 2, 3, "mp4 open : write head of h264 error\n"},
                        Case{320, 2, 4, "mp4 open : write head of h264 error\n"},
+                       Case{0, 3, 3, "mp4 open : write head of h265 error\n"},
                        Case{320, 1, 3, "mp4 open : write head of jpeg error\n"}}) {
     SCOPED_TRACE(c.message);
     const int before = log.count(c.message);
@@ -211,7 +212,7 @@ TEST(PreOpen, AnEmptySlotCostsTheSession) {
   ASSERT_NE(base, nullptr);
   mp4_session *a = new_session(dir.file("a.mp4"), dir.file("a.mp2"));
   ASSERT_NE(a, nullptr);
-  ASSERT_EQ(mp4_write_pre_open(base, a, 320, 240, 3, 3), 0);
+  ASSERT_EQ(mp4_write_pre_open(base, a, 320, 240, 4, 3), 0);
   ASSERT_TRUE(eventually([&] { return log.has("mp4 open : video format error\n"); }));
   EXPECT_EQ(log.find("mp4 open : video format error\n").function, "mp4_write_pre_open_thread");
   touch(dir.file("a.mp4"));

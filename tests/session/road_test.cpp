@@ -30,9 +30,10 @@ using testsupport::LogCapture;
 using testsupport::TempDir;
 using Bytes = std::vector<uint8_t>;
 
-// H.264 access units (joined as the encoder hands them over) and ADTS frames.
+// H.264 or H.265 access units (joined as the encoder hands them over) and ADTS frames.
 struct AvMedia {
   int fps = 25;
+  bool per_nal = false;  // fed NAL unit by NAL unit instead of through the splitter
   std::vector<Bytes> units;
   std::vector<bool> idr;
   std::vector<Bytes> aac;
@@ -40,14 +41,20 @@ struct AvMedia {
   static int audio_ts(size_t j) { return static_cast<int>(j * 64); }  // 1024 samples at 16 kHz
 };
 
-AvMedia load_av(int width, int height, int fps, double seconds, int gop) {
+AvMedia load_av(int width, int height, int fps, double seconds, int gop, bool hevc = false,
+                int slices = 1) {
   AvMedia m;
   m.fps = fps;
-  const auto nals = testsupport::split_annexb(
-      testsupport::read_file(testsupport::h264_stream(width, height, fps, seconds, gop)));
-  for (const auto &au : testsupport::access_units(nals)) {
+  // The splitter looks for start codes in the first 200 bytes only: the
+  // slices behind the first go in one by one.
+  m.per_nal = slices > 1;
+  const auto nals = testsupport::split_annexb(testsupport::read_file(
+      hevc ? testsupport::hevc_stream(width, height, fps, seconds, gop, slices)
+           : testsupport::h264_stream(width, height, fps, seconds, gop)));
+  for (const auto &au : testsupport::access_units(nals, hevc)) {
     m.units.push_back(joined(au));
-    m.idr.push_back(au.back().type() == 5);
+    m.idr.push_back(hevc ? au.back().hevc_type() >= 16 && au.back().hevc_type() <= 21
+                         : au.back().type() == 5);
   }
   m.aac = testsupport::split_adts(testsupport::read_file(testsupport::aac_stream(16000, seconds)));
   // The encoder's priming and padding frames run past the pictures; a camera's
@@ -85,10 +92,18 @@ void feed(const AvMedia &m, mp4_handler *&handler, BeforeVideo before_video) {
         before_video(i);
       }
       Bytes au = m.units[i];
-      ASSERT_EQ(mp4_write_splite_sps_pps_i(au.data(), static_cast<int>(au.size()), m.video_ts(i),
-                                           handler),
-                0)
-          << "access unit " << i;
+      if (m.per_nal) {
+        for (auto &n : testsupport::split_annexb(au))
+          ASSERT_EQ(mp4_write_video(n.bytes.data(), static_cast<int>(n.bytes.size()), m.video_ts(i),
+                                    handler),
+                    0)
+              << "access unit " << i;
+      } else {
+        ASSERT_EQ(mp4_write_splite_sps_pps_i(au.data(), static_cast<int>(au.size()), m.video_ts(i),
+                                             handler),
+                  0)
+            << "access unit " << i;
+      }
       ++i;
     } else {
       Bytes frame = m.aac[j];
@@ -108,9 +123,11 @@ struct Shape {
   int width = 320, height = 240;
   int prealloc = 0;  // both tracks' tables reserved as holes
   int audio_time_stamps = 0;
+  bool hevc = false;  // H.265 (video format 3) instead of H.264
+  int slices = 1;     // H.265 slice segments per picture
 };
 
-// A base with one pre-opened H.264 (AAC) session, opened.
+// A base with one pre-opened H.264 or H.265 (AAC) session, opened.
 struct H264Recording {
   mp4_base *base = nullptr;
   mp4_session *session = nullptr;
@@ -124,7 +141,8 @@ struct H264Recording {
     if (session == nullptr) return;
     session->stream_info->video_prealloc = session->stream_info->audio_prealloc = shape.prealloc;
     session->stream_info->audio_timestamp_mode = shape.audio_time_stamps;
-    if (mp4_write_pre_open(base, session, shape.width, shape.height, 2, 3) != 0) return;
+    if (mp4_write_pre_open(base, session, shape.width, shape.height, shape.hevc ? 3 : 2, 3) != 0)
+      return;
     if (register_first) mp4_write_register(base, cb, arg);
     opened = open_when_ready(base);
   }
@@ -408,15 +426,17 @@ void on_batch(void *arg) {
     b->both_tracks = true;
 }
 
-// Four seconds of H.264 and AAC through the splitter, closed normally; or a
-// copy of the file as a card pulled in the middle of ten seconds keeps it,
+// `seconds` of H.264 (or H.265) and AAC through the splitter, closed normally;
+// or a copy of the file as a card pulled in the middle of ten seconds keeps it,
 // after both tracks' first batch (the first 16 KiB audio node fills after
 // about four). The copy is taken once the buffer is drained (the tables count
 // the frames that still wait in it, which a cut file does not hold), and the
 // recording is closed there.
-Made record_h264(const TempDir &dir, const Shape &shape, bool cut = false) {
-  const double seconds = cut ? 10.0 : 4.0;
-  const AvMedia m = load_av(shape.width, shape.height, shape.fps, seconds, shape.fps);
+Made record_main_road(const TempDir &dir, const Shape &shape, bool cut = false,
+                      double seconds = 4.0) {
+  if (cut) seconds = 10.0;
+  const AvMedia m =
+      load_av(shape.width, shape.height, shape.fps, seconds, shape.fps, shape.hevc, shape.slices);
   LogCapture log;
   H264Recording rec(dir, "rec", shape);
   EXPECT_EQ(rec.opened.rc, 0) << log.dump();
@@ -540,6 +560,7 @@ Made record_index_at_end(const TempDir &dir) {
 struct PlayerCase {
   const char *name;
   Made (*make)(const TempDir &);
+  const char *video;  // ffprobe's codec name and tag of the video track
 };
 class Players : public ::testing::TestWithParam<PlayerCase> {};
 
@@ -548,6 +569,8 @@ TEST_P(Players, ReadAndDecodeEverySample) {
   const Made made = GetParam().make(dir);
   ASSERT_FALSE(made.path.empty());
   EXPECT_EQ(testsupport::validate(made.path), "");
+  EXPECT_EQ(testsupport::ffprobe_stream_field(made.path, "v", "codec_name,codec_tag_string"),
+            GetParam().video);
   EXPECT_EQ(testsupport::ffprobe_packets(made.path, "v"), made.pictures);
   EXPECT_EQ(testsupport::ffprobe_packets(made.path, "a"), made.audio_frames);
   if (const char *keep = std::getenv("MP4REC_PLAYERS_KEEP")) {
@@ -558,17 +581,29 @@ TEST_P(Players, ReadAndDecodeEverySample) {
 }
 
 constexpr Shape kVga{.width = 640, .height = 480};
+constexpr Shape kVgaHevc{.width = 640, .height = 480, .hevc = true};
 const PlayerCase kPlayerCases[] = {
-    {"MainRoadClosed", [](const TempDir &d) { return record_h264(d, kVga); }},
+    {"MainRoadClosed", [](const TempDir &d) { return record_main_road(d, kVga); }, "h264,avc1"},
     {"MainRoadHolesAndTimeStampedAudio",
      [](const TempDir &d) {
-       return record_h264(
+       return record_main_road(
            d, {.fps = 30, .width = 640, .height = 480, .prealloc = 1, .audio_time_stamps = 1});
-     }},
+     },
+     "h264,avc1"},
     {"MainRoadCutAfterBothTracksFirstBatch",
-     [](const TempDir &d) { return record_h264(d, kVga, true); }},
-    {"MjpegAndPcm", record_mjpeg},
-    {"IndexAtEnd", record_index_at_end},
+     [](const TempDir &d) { return record_main_road(d, kVga, true); }, "h264,avc1"},
+    {"H265Closed", [](const TempDir &d) { return record_main_road(d, kVgaHevc, false, 10.0); },
+     "hevc,hvc1"},
+    {"H265CutAfterBothTracksFirstBatch",
+     [](const TempDir &d) { return record_main_road(d, kVgaHevc, true); }, "hevc,hvc1"},
+    {"H265ThreeSlicesAPicture",
+     [](const TempDir &d) {
+       return record_main_road(d, {.width = 640, .height = 480, .hevc = true, .slices = 3}, false,
+                               10.0);
+     },
+     "hevc,hvc1"},
+    {"MjpegAndPcm", record_mjpeg, "mjpeg,mp4v"},
+    {"IndexAtEnd", record_index_at_end, "h264,avc1"},
 };
 INSTANTIATE_TEST_SUITE_P(Files, Players, ::testing::ValuesIn(kPlayerCases),
                          [](const auto &info) { return std::string(info.param.name); });

@@ -45,6 +45,7 @@ struct SplitCase {
   std::string name;
   Bytes buffer;
   std::vector<size_t> piece_sizes;  // expected cuts, in order
+  uint32_t video_format = 2;        // the handler's: 2 H.264, 3 H.265
 };
 
 void PrintTo(const SplitCase &c, std::ostream *os) {
@@ -62,7 +63,7 @@ class Split : public ::testing::TestWithParam<SplitCase> {
 TEST_P(Split, CutsWhereStartCodesStand) {
   const SplitCase &c = GetParam();
   Bytes buf = c.buffer;
-  mp4_handler handler{2, nullptr};
+  mp4_handler handler{c.video_format, nullptr};
   ASSERT_EQ(mp4rec::split_access_unit(buf.data(), static_cast<int>(buf.size()), 1000, &handler,
                                       record_piece),
             0);
@@ -111,7 +112,17 @@ INSTANTIATE_TEST_SUITE_P(
         // In a short buffer the window is the buffer: a code in its last three bytes is not seen.
         SplitCase{"ShortBufferTail", Bytes{0, 0, 0, 1, 0x67, 0x11, 0x22, 0, 0, 1}, {10}},
         // A four-byte code is cut in front of its first zero.
-        SplitCase{"FourByteCutInFront", concat({nal(3, 0x67, 5), nal(4, 0x65, 30)}), {9, 35}}),
+        SplitCase{"FourByteCutInFront", concat({nal(3, 0x67, 5), nal(4, 0x65, 30)}), {9, 35}},
+        // H.265: the type is bits 1 to 6 of the first header byte. VPS, SPS,
+        // PPS and an IDR picture are cut; a picture that is not IRAP (TRAIL_R,
+        // whose low five bits H.264 would read as type 2) goes whole, an IRAP
+        // one (BLA_W_LP, an H.264 non-IDR slice by its low bits) is scanned.
+        SplitCase{"HevcVpsSpsPpsIdr",
+                  concat({nal(4, 0x40, 20), nal(4, 0x42, 30), nal(3, 0x44, 5), nal(4, 0x26, 400)}),
+                  {25, 35, 9, 405},
+                  3},
+        SplitCase{"HevcTrailGoesWhole", concat({nal(4, 0x02, 20), nal(4, 0x26, 20)}), {50}, 3},
+        SplitCase{"HevcBlaIsScanned", concat({nal(4, 0x21, 20), nal(4, 0x02, 20)}), {25, 25}, 3}),
     [](const auto &info) { return info.param.name; });
 
 TEST(SplitFailure, AnInnerFailureStopsTheSplit) {

@@ -15,7 +15,7 @@ std::optional<uint64_t> child_offset(const std::string &type) {
   static const std::map<std::string, uint64_t> kContainers = {
       {"moov", 8},  {"trak", 8},  {"edts", 8},  {"mdia", 8},    {"minf", 8},  {"dinf", 8},
       {"stbl", 8},  {"udta", 8},  {"ilst", 8},  {"\xA9too", 8}, {"meta", 12}, {"dref", 16},
-      {"stsd", 16}, {"avc1", 86}, {"mp4v", 86}, {"mp4a", 36},
+      {"stsd", 16}, {"avc1", 86}, {"hvc1", 86}, {"mp4v", 86},   {"mp4a", 36},
   };
   auto it = kContainers.find(type);
   if (it == kContainers.end()) return std::nullopt;

@@ -76,20 +76,40 @@ std::string num(double v) {
   return s.str();
 }
 
+// The cache name of a stream of ffmpeg's test pictures, and their source.
+std::string picture_stem(const std::string &kind, int width, int height, int fps, double seconds) {
+  return kind + "_" + std::to_string(width) + "x" + std::to_string(height) + "_" +
+         std::to_string(fps) + "_" + num(seconds);
+}
+std::string picture_source(int width, int height, int fps, double seconds) {
+  return "-f lavfi -i testsrc2=size=" + std::to_string(width) + "x" + std::to_string(height) +
+         ":rate=" + std::to_string(fps) + " -t " + num(seconds);
+}
+
 }  // namespace
 
 std::string h264_stream(int width, int height, int fps, double seconds, int gop) {
-  const std::string name = "h264_" + std::to_string(width) + "x" + std::to_string(height) + "_" +
-                           std::to_string(fps) + "_" + num(seconds) + "_" + std::to_string(gop) +
-                           ".h264";
-  return cached(name, "-f lavfi -i testsrc2=size=" + std::to_string(width) + "x" +
-                          std::to_string(height) + ":rate=" + std::to_string(fps) + " -t " +
-                          num(seconds) +
+  const std::string name =
+      picture_stem("h264", width, height, fps, seconds) + "_" + std::to_string(gop) + ".h264";
+  return cached(name, picture_source(width, height, fps, seconds) +
                           " -c:v libx264 -threads 1 -preset ultrafast -profile:v main"
                           " -pix_fmt yuv420p -bf 0 -g " +
                           std::to_string(gop) + " -keyint_min " + std::to_string(gop) +
                           " -sc_threshold 0 -x264-params repeat-headers=1"
                           " -bsf:v h264_mp4toannexb,filter_units=remove_types=6 -f h264");
+}
+
+std::string hevc_stream(int width, int height, int fps, double seconds, int gop, int slices) {
+  const std::string name = picture_stem("hevc", width, height, fps, seconds) + "_" +
+                           std::to_string(gop) + "_" + std::to_string(slices) + ".hevc";
+  return cached(name, picture_source(width, height, fps, seconds) +
+                          " -c:v libx265 -threads 1 -preset ultrafast -pix_fmt yuv420p"
+                          " -x265-params bframes=0:keyint=" +
+                          std::to_string(gop) + ":min-keyint=" + std::to_string(gop) +
+                          ":scenecut=0:repeat-headers=1:info=0:pools=1:frame-threads=1:slices=" +
+                          std::to_string(slices) +
+                          ":log-level=error"
+                          " -bsf:v 'hevc_mp4toannexb,filter_units=remove_types=39|40' -f hevc");
 }
 
 std::string aac_stream(int sample_rate, double seconds) {
@@ -107,11 +127,9 @@ std::string pcm16_stream(int sample_rate, double seconds, int tone_hz) {
 }
 
 std::string mjpeg_stream(int width, int height, int fps, double seconds) {
-  const std::string name = "mjpeg_" + std::to_string(width) + "x" + std::to_string(height) + "_" +
-                           std::to_string(fps) + "_" + num(seconds) + ".mjpeg";
-  return cached(name, "-f lavfi -i testsrc2=size=" + std::to_string(width) + "x" +
-                          std::to_string(height) + ":rate=" + std::to_string(fps) + " -t " +
-                          num(seconds) + " -c:v mjpeg -pix_fmt yuvj420p -q:v 5 -f mjpeg");
+  const std::string name = picture_stem("mjpeg", width, height, fps, seconds) + ".mjpeg";
+  return cached(name, picture_source(width, height, fps, seconds) +
+                          " -c:v mjpeg -pix_fmt yuvj420p -q:v 5 -f mjpeg");
 }
 
 std::vector<Nal> split_annexb(const std::vector<uint8_t> &s) {
@@ -138,12 +156,19 @@ std::vector<Nal> split_annexb(const std::vector<uint8_t> &s) {
   return out;
 }
 
-std::vector<std::vector<Nal>> access_units(const std::vector<Nal> &nals) {
+std::vector<std::vector<Nal>> access_units(const std::vector<Nal> &nals, bool hevc) {
   std::vector<std::vector<Nal>> units;
   std::vector<Nal> cur;
+  bool picture = false;  // H.265: cur holds a picture, which later slice segments join
   for (const Nal &n : nals) {
+    if (hevc && picture && (n.hevc_first_slice() || (n.hevc_type() >= 32 && n.hevc_type() != 40))) {
+      units.push_back(std::move(cur));
+      cur.clear();
+      picture = false;
+    }
     cur.push_back(n);
-    if (n.type() == 1 || n.type() == 5) {
+    picture = picture || (hevc && n.hevc_type() < 32);
+    if (!hevc && (n.type() == 1 || n.type() == 5)) {
       units.push_back(std::move(cur));
       cur.clear();
     }

@@ -34,6 +34,10 @@ void write_file(const std::string &path, const std::vector<uint8_t> &bytes);
 // An H.264 Annex B elementary stream from x264 (single-threaded, no SEI), with
 // SPS+PPS+IDR every `gop` frames. Cached by parameters.
 std::string h264_stream(int width, int height, int fps, double seconds, int gop);
+// An H.265 Annex B elementary stream from x265 (single-threaded, no SEI, no B
+// pictures), with VPS+SPS+PPS+IDR every `gop` frames and `slices` slice
+// segments per picture. Cached by parameters.
+std::string hevc_stream(int width, int height, int fps, double seconds, int gop, int slices = 1);
 // ADTS AAC-LC, mono, sine tone. Cached by parameters.
 std::string aac_stream(int sample_rate, double seconds);
 // Signed 16-bit little-endian mono PCM of a sine tone.
@@ -46,10 +50,16 @@ struct Nal {
   std::vector<uint8_t> bytes;  // start code included
   int start_code = 4;          // 3 or 4
   int type() const { return bytes[static_cast<size_t>(start_code)] & 0x1F; }
+  int hevc_type() const { return (bytes[static_cast<size_t>(start_code)] >> 1) & 0x3F; }
+  // An H.265 slice segment that begins its picture.
+  bool hevc_first_slice() const {
+    return hevc_type() < 32 && (bytes[static_cast<size_t>(start_code) + 2] & 0x80) != 0;
+  }
 };
 std::vector<Nal> split_annexb(const std::vector<uint8_t> &stream);
-// Access units: every NAL up to and including the next picture slice (type 1 or 5).
-std::vector<std::vector<Nal>> access_units(const std::vector<Nal> &nals);
+// Access units: every NAL up to and including the next picture slice (type 1
+// or 5); with `hevc`, up to the last slice segment of the next picture.
+std::vector<std::vector<Nal>> access_units(const std::vector<Nal> &nals, bool hevc = false);
 // ADTS frames with their 7-byte headers.
 std::vector<std::vector<uint8_t>> split_adts(const std::vector<uint8_t> &stream);
 // JPEG pictures (FFD8 .. FFD9) of a concatenated stream.
