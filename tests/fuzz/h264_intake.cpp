@@ -1,7 +1,8 @@
 // The H.264 intake on a real file: the input is cut at its start codes as a
 // host would, and every unit (with an AAC-sized frame between pictures) goes
 // through the front end's intake. A released handle is replaced by a new
-// file; every file is finished through the data buffer and its index.
+// file; every file is finished through the data buffer and its index. Built a
+// second time with MP4REC_FUZZ_HEVC=1, the same for the H.265 intake.
 #include <unistd.h>
 
 #include <cstdint>
@@ -11,9 +12,13 @@
 
 #include "buffer/data_buffer.h"
 #include "mp4/handle.h"
+#include "mp4/head.h"
+#include "mp4/hevc.h"
 #include "mp4/intake.h"
 
 namespace {
+
+constexpr bool kHevc = MP4REC_FUZZ_HEVC;
 
 const std::string &path(const char *ext) {
   static const std::string base = "/tmp/mp4rec-fuzz-intake-" + std::to_string(getpid());
@@ -32,8 +37,8 @@ mp4_handle *new_file(mp4_data_buffer *data) {
     i.video_frame_rate = 25;
     return i;
   }();
-  mp4_handle *h =
-      mp4_write_head_h264_index(path(".mp4").c_str(), path(".mp2").c_str(), 160, 120, 3, &info);
+  mp4_handle *h = (kHevc ? mp4rec::mp4_write_head_h265_index : mp4_write_head_h264_index)(
+      path(".mp4").c_str(), path(".mp2").c_str(), 160, 120, 3, &info);
   if (h == nullptr || mp4_set_data_buffer(h, data) != 0) std::abort();
   return h;
 }
@@ -63,7 +68,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     std::vector<uint8_t> unit(stream.begin() + static_cast<long>(from),
                               stream.begin() + static_cast<long>(to));
     bool released = false;
-    mp4rec::write_one_h264(unit.data(), static_cast<int>(unit.size()), ts, h, &released);
+    (kHevc ? mp4rec::write_one_h265 : mp4rec::write_one_h264)(
+        unit.data(), static_cast<int>(unit.size()), ts, h, &released);
     if (released) {
       h = new_file(data);
     } else if (unit.size() > 4 && (unit.back() & 3) == 0) {
