@@ -6,9 +6,9 @@
 #
 # Installs the cross compiler and the emulator, builds for the target from
 # Debian's source packages a minimal static libavcodec (the MP2 encoder, for
-# the shared library; a second one with the H.264 decoder too, for the tool
-# and the tests) and GoogleTest, cross-builds into build-mipsel/ and runs every
-# suite through CTest. The target's libraries are cached under
+# the shared library; a second one with the H.264 and H.265 decoders too, for
+# the tool and the tests) and GoogleTest, cross-builds into build-mipsel/ and
+# runs every suite through CTest. The target's libraries are cached under
 # $MP4REC_TARGET_CACHE (default /var/cache/mp4rec-target), keyed by source
 # version, compiler and recipe. NATIVE_BUILD_DIR holds a native build whose
 # tool records the reference files of the byte-identity test; without it one
@@ -90,7 +90,8 @@ build_libav() {  # variable, name, codec flags...: sets the variable to the pref
   touch "$prefix/.complete"
 }
 build_libav libav_library mp2 --enable-encoder=mp2
-build_libav libav_tool mp2-h264 --enable-encoder=mp2 --enable-decoder=h264
+build_libav libav_tool mp2-h264-hevc --enable-encoder=mp2 --enable-decoder=h264 \
+  --enable-decoder=hevc
 
 gtest_version=$(source_version googletest)
 gtest=$cache/gtest-$gtest_version-$(key "$compiler" "$(cat cmake/toolchains/$triple.cmake)")
@@ -123,7 +124,7 @@ export CCACHE_DIR=$cache/ccache CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=true CCACH
 # The native build's optimisation without its debug information, which would
 # cost a quarter more compile time.
 opt="-O2 -DNDEBUG"
-# The tool and the tests link the libavcodec with the H.264 decoder; the
+# The tool and the tests link the libavcodec with the decoders; the
 # shared library the MP2-only one, as a camera's firmware would.
 export PKG_CONFIG_LIBDIR=$libav_tool/lib/pkgconfig
 rm -f build-mipsel/CMakeCache.txt  # pkg-config results are cached: look afresh

@@ -5,8 +5,8 @@
 # ThreadSanitizer, and everything cross-built for the cameras' 32-bit MIPS
 # under qemu (scripts/test-target.sh). After the plain run, every validator of
 # scripts/validate.sh (which installs what it needs) checks a closed and a cut
-# recording. Last, the fuzz targets (clang's libFuzzer, with ASan + UBSan) each
-# run for a fixed number of inputs.
+# recording of H.264 and of H.265. Last, the fuzz targets (clang's libFuzzer,
+# with ASan + UBSan) each run for a fixed number of inputs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -36,7 +36,8 @@ run_suite build ""
 unset MP4REC_PLAYERS_KEEP
 echo "== validators"
 ./scripts/validate.sh build/players/MainRoadClosed.mp4 \
-  build/players/MainRoadCutAfterBothTracksFirstBatch.mp4
+  build/players/MainRoadCutAfterBothTracksFirstBatch.mp4 build/players/H265Closed.mp4 \
+  build/players/H265CutAfterBothTracksFirstBatch.mp4
 run_suite build-asan "-DMP4REC_SANITIZE=address,undefined -DMP4REC_BUILD_BENCH=OFF" ""
 # ThreadSanitizer needs a fixed address layout on kernels with wide mmap randomisation.
 setarch "$(uname -m)" -R true 2>/dev/null && tsan_prefix="setarch $(uname -m) -R" || tsan_prefix=""

@@ -123,6 +123,28 @@ TEST(Record, OtherStreamWithoutAudio) {
   EXPECT_EQ(video_frames, 90);
 }
 
+// H.265 of three slice segments a picture, in files of one second each: every
+// file starts with an IRAP picture and plays, and no picture is lost.
+TEST(Record, Hevc) {
+  TempDir dir;
+  const std::string video = testsupport::hevc_stream(320, 240, 25, 3, 25, 3);
+  const std::string audio = testsupport::aac_stream(16000, 3);
+  const auto r = run_tool("record --hevc '" + video + "' -a '" + audio + "' --segment 1 -q -o '" +
+                          dir.path() + "' -n 'h{n}.mp4'");
+  ASSERT_EQ(r.status, 0) << r.output;
+  const auto files = mp4_files(dir.path());
+  ASSERT_EQ(files.size(), 3u) << r.output;
+  long pictures = 0;
+  for (const auto &f : files) {
+    expect_playable(f);
+    EXPECT_EQ(testsupport::ffprobe_stream_field(f, "v", "codec_name,codec_tag_string,width"),
+              "hevc,hvc1,320");
+    EXPECT_EQ(mp4tool::inspect_file(f).warnings, std::vector<std::string>{}) << f;
+    pictures += ffprobe_frames(f, "v");
+  }
+  EXPECT_EQ(pictures, 75);
+}
+
 TEST(Record, Mjpeg) {
   TempDir dir;
   const std::string video = testsupport::mjpeg_stream(320, 240, 10, 2);
@@ -174,6 +196,13 @@ TEST(Record, BadInput) {
                 bframes + "'")
                 .status,
             0);
+  const std::string hevc_bframes = dir.file("bframes.hevc");
+  ASSERT_EQ(testsupport::run_command(
+                "ffmpeg -nostdin -v error -f lavfi -i testsrc2=size=320x240:rate=15 -t 1 -c:v "
+                "libx265 -preset ultrafast -x265-params bframes=2:log-level=error -f hevc '" +
+                hevc_bframes + "'")
+                .status,
+            0);
   const std::string file_not_dir = dir.file("plain");
   testsupport::write_file(file_not_dir, {1});
   struct Case {
@@ -188,6 +217,9 @@ TEST(Record, BadInput) {
        ""},
       {"several slices a picture", "'" + slices + "'", 1, "one slice per picture", ""},
       {"B pictures", "'" + bframes + "'", 1, "no B pictures", "cut.mp4"},
+      {"H.265 B pictures", "--hevc '" + hevc_bframes + "'", 1, "no B pictures", "cut.mp4"},
+      {"H.264 as H.265", "--hevc '" + kSampleVideo + "'", 1, "not an H.265 stream", ""},
+      {"H.265 without a stream", "--hevc", 2, "--hevc needs an H.265 stream", ""},
       {"missing", "'" + dir.file("nothing.h264") + "'", 1, "cannot open", ""},
       {"truncated video", "'" + cut + "'", 1, "ends inside a picture", "cut.mp4"},
       {"truncated audio", "'" + kSampleVideo + "' -a '" + cut_aac + "'", 1,

@@ -53,44 +53,61 @@ TEST(Streams, NalUnitsMatchAPlainSplit) {
   }
 }
 
+// H.264 with one slice a picture; H.265 with three slice segments a picture.
 TEST(Streams, AccessUnitsArePictures) {
-  const std::string file = testsupport::h264_stream(320, 240, 15, 2, 15);
-  AccessUnitReader r(open_source(file));
-  int units = 0, idr = 0;
-  while (auto au = r.next()) {
-    ++units;
-    EXPECT_TRUE(au->has_picture);
-    if (au->idr) {
-      ++idr;
-      EXPECT_TRUE(au->has_sps && au->has_pps);
-      EXPECT_EQ(au->nals.front().type, 7);
-      EXPECT_EQ(au->nals.back().type, 5);
+  for (const bool hevc : {false, true}) {
+    SCOPED_TRACE(hevc ? "H.265" : "H.264");
+    const std::string file = hevc ? testsupport::hevc_stream(320, 240, 15, 2, 15, 3)
+                                  : testsupport::h264_stream(320, 240, 15, 2, 15);
+    AccessUnitReader r(open_source(file), hevc);
+    int units = 0, idr = 0;
+    while (auto au = r.next()) {
+      ++units;
+      EXPECT_TRUE(au->has_picture);
+      EXPECT_EQ(au->slices, hevc ? 3 : 1);
+      EXPECT_FALSE(au->bipred);
+      if (au->idr) {
+        ++idr;
+        EXPECT_TRUE(au->has_sps && au->has_pps && (au->has_vps || !hevc));
+        EXPECT_EQ(au->nals.front().type, hevc ? 32 : 7);
+        if (!hevc) EXPECT_EQ(au->nals.back().type, 5);
+      }
     }
+    EXPECT_EQ(units, testsupport::ffprobe_packets(file, "v"));
+    EXPECT_EQ(idr, 2);
   }
-  EXPECT_EQ(units, testsupport::ffprobe_packets(file, "v"));
-  EXPECT_EQ(idr, 2);
 }
 
 TEST(Streams, SequenceParameterSets) {
   struct Case {
     int w, h, fps;
-  } cases[] = {{320, 240, 15}, {320, 180, 30}, {176, 144, 25}, {640, 360, 30}};
+    bool hevc;
+  } cases[] = {{320, 240, 15, false}, {320, 180, 30, false}, {176, 144, 25, false},
+               {640, 360, 30, false}, {320, 180, 30, true},  {640, 480, 25, true}};
   for (const auto &c : cases) {
-    const auto nals =
-        testsupport::split_annexb(read_file(testsupport::h264_stream(c.w, c.h, c.fps, 0.2, 5)));
-    ASSERT_FALSE(nals.empty());
-    ASSERT_EQ(nals.front().type(), 7);
-    const auto sps = parse_sps(nals.front().bytes);
+    SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h) + (c.hevc ? " H.265" : ""));
+    const auto nals = testsupport::split_annexb(
+        read_file(c.hevc ? testsupport::hevc_stream(c.w, c.h, c.fps, 0.2, 5)
+                         : testsupport::h264_stream(c.w, c.h, c.fps, 0.2, 5)));
+    ASSERT_GT(nals.size(), 1u);
+    const auto &unit = nals[c.hevc ? 1 : 0];  // behind the VPS
+    ASSERT_EQ(c.hevc ? unit.hevc_type() : unit.type(), c.hevc ? 33 : 7);
+    const auto sps = c.hevc ? parse_hevc_sps(unit.bytes) : parse_sps(unit.bytes);
     ASSERT_TRUE(sps.has_value());
     EXPECT_EQ(sps->width, c.w);
     EXPECT_EQ(sps->height, c.h);
     EXPECT_DOUBLE_EQ(sps->fps, c.fps);
-    EXPECT_TRUE(sps->profile == 66 || sps->profile == 77) << sps->profile;
+    if (c.hevc)
+      EXPECT_EQ(sps->profile, 1);  // Main
+    else
+      EXPECT_TRUE(sps->profile == 66 || sps->profile == 77) << sps->profile;
   }
   const std::vector<uint8_t> not_sps = {0, 0, 0, 1, 0x68, 0xEE, 0x3C, 0x80};
   EXPECT_FALSE(parse_sps(not_sps).has_value());
   const std::vector<uint8_t> cut = {0, 0, 0, 1, 0x67, 0x4D};
   EXPECT_FALSE(parse_sps(cut).has_value());
+  const std::vector<uint8_t> hevc_cut = {0, 0, 0, 1, 0x42, 0x01, 0x01, 0x01, 0x60};
+  EXPECT_FALSE(parse_hevc_sps(hevc_cut).has_value());
 }
 
 TEST(Streams, NotH264IsRefused) {
@@ -160,21 +177,31 @@ TEST(Streams, PcmBlocks) {
   EXPECT_EQ(r.trailing_bytes(), 100u);
 }
 
-// A stream cut inside its last picture is told apart from a whole one.
+// A stream cut inside its last picture is told apart from a whole one. The
+// H.265 decoder notices a cut in the slice header, but not always one in the
+// slice data.
 TEST(Streams, CutLastPictureIsFound) {
-  const auto stream = read_file(testsupport::h264_stream(320, 240, 15, 2, 15));
-  AccessUnitReader r(memory_source(stream));
-  std::vector<std::vector<uint8_t>> gop;
-  while (auto au = r.next()) {
-    if (au->idr) gop.clear();
-    gop.push_back(au->bytes);
-  }
-  ASSERT_GT(gop.size(), 3u);
-  EXPECT_EQ(last_picture_error(gop), "");
-  for (const double keep : {0.3, 0.6, 0.9}) {
-    auto cut = gop;
-    cut.back().resize(static_cast<size_t>(cut.back().size() * keep));
-    EXPECT_NE(last_picture_error(cut), "") << "kept " << keep;
+  for (const bool hevc : {false, true}) {
+    SCOPED_TRACE(hevc ? "H.265" : "H.264");
+    const auto stream = read_file(hevc ? testsupport::hevc_stream(320, 240, 15, 2, 15)
+                                       : testsupport::h264_stream(320, 240, 15, 2, 15));
+    AccessUnitReader r(memory_source(stream), hevc);
+    std::vector<std::vector<uint8_t>> gop;
+    while (auto au = r.next()) {
+      if (au->idr) gop.clear();
+      gop.push_back(au->bytes);
+    }
+    ASSERT_GT(gop.size(), 3u);
+    EXPECT_EQ(last_picture_error(gop, hevc), "");
+    const size_t last = gop.back().size();
+    const std::vector<size_t> keeps =
+        hevc ? std::vector<size_t>{5, 8, 20}
+             : std::vector<size_t>{last * 3 / 10, last * 6 / 10, last * 9 / 10};
+    for (const size_t keep : keeps) {
+      auto cut = gop;
+      cut.back().resize(keep);
+      EXPECT_NE(last_picture_error(cut, hevc), "") << "kept " << keep;
+    }
   }
 }
 

@@ -38,18 +38,18 @@ struct FrameFree {
 
 }  // namespace
 
-std::string last_picture_error(const std::vector<std::vector<uint8_t>> &gop) {
+std::string last_picture_error(const std::vector<std::vector<uint8_t>> &gop, bool hevc) {
   if (gop.empty()) return {};
-  const AVCodec *codec = avcodec_find_decoder(AV_CODEC_ID_H264);
+  const AVCodec *codec = avcodec_find_decoder(hevc ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264);
   if (!codec) {
     // A libavcodec built without the decoder (the library needs only the MP2
-    // encoder): nothing can be said, and the user is told so once.
-    static std::once_flag told;
-    std::call_once(told, [] {
-      std::fputs(
-          "mp4rec: note: this libavcodec has no H.264 decoder, so a stream cut inside its "
-          "last picture is not detected\n",
-          stderr);
+    // encoder): nothing can be said, and the user is told so once per codec.
+    static std::once_flag told[2];
+    std::call_once(told[hevc ? 1 : 0], [hevc] {
+      std::fprintf(stderr,
+                   "mp4rec: note: this libavcodec has no %s decoder, so a stream cut inside its "
+                   "last picture is not detected\n",
+                   hevc ? "H.265" : "H.264");
     });
     return {};
   }
@@ -58,13 +58,17 @@ std::string last_picture_error(const std::vector<std::vector<uint8_t>> &gop) {
   std::unique_ptr<AVFrame, FrameFree> frame(av_frame_alloc());
   if (!ctx || !pkt || !frame) return {};
   ctx->thread_count = 1;
+  // The H.265 decoder conceals slice data that runs out unless told to fail.
+  if (hevc) ctx->err_recognition |= AV_EF_EXPLODE;
   if (avcodec_open2(ctx.get(), codec, nullptr) < 0) return {};
 
   std::string error;
+  size_t pictures = 0;
   auto drain = [&] {
     while (avcodec_receive_frame(ctx.get(), frame.get()) == 0) {
       if (frame->decode_error_flags && error.empty()) error = "the decoder had to conceal errors";
       av_frame_unref(frame.get());
+      ++pictures;
     }
   };
   for (size_t i = 0; i < gop.size(); ++i) {
@@ -86,6 +90,8 @@ std::string last_picture_error(const std::vector<std::vector<uint8_t>> &gop) {
   }
   avcodec_send_packet(ctx.get(), nullptr);
   drain();
+  // The H.265 decoder drops a picture whose slice data runs out without a word.
+  if (pictures < gop.size() && error.empty()) error = "the decoder made no picture of it";
   {
     std::lock_guard<std::mutex> lock(g_log_mutex);
     g_log_sink = nullptr;

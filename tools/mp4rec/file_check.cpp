@@ -102,6 +102,11 @@ std::string describe(const std::string &type, const Reader &r, uint64_t size) {
       d << "profile " << r.u8(9) << ", level " << r.u8(11);
     else
       d << "not yet written";
+  } else if (type == "hvcC" && r.has(8, 23)) {
+    if (r.u8(8) == 1 && r.u8(30) != 0)  // version 1 with parameter sets
+      d << "profile " << (r.u8(9) & 0x1F) << ", level " << r.u8(20);
+    else
+      d << "not yet written";
   }
   return d.str();
 }

@@ -62,6 +62,13 @@ struct WriteFailure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// H.264 pictures of several slices are refused.
+std::string several_slices(int slices) {
+  return "pictures of " + std::to_string(slices) +
+         " slices: the recorder keeps one H.264 NAL unit per sample, so the stream must have one "
+         "slice per picture (H.265 pictures may have several)";
+}
+
 std::string trim(std::string s) {
   while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
   return s;
@@ -90,7 +97,9 @@ class Recorder {
         width_(width),
         height_(height),
         fps_(fps),
-        video_format_(opt.mjpeg ? 1 : 2),
+        video_format_(opt.mjpeg  ? 1
+                      : opt.hevc ? 3
+                                 : 2),
         audio_format_(audio_format),
         sample_rate_(sample_rate) {
     planned_ = opt.planned;
@@ -126,9 +135,9 @@ class Recorder {
     open_next();
   }
 
-  // Feeds one access unit; a file ends before an IDR picture once it is long
-  // enough. Throws WriteFailure when the library refuses the picture.
-  void video_h264(const AccessUnit &au, long long ts) {
+  // Feeds one access unit; a file ends before an IDR (H.265: IRAP) picture once
+  // it is long enough. Throws WriteFailure when the library refuses the picture.
+  void video_access_unit(const AccessUnit &au, long long ts) {
     if (au.idr && cur_.first_ts >= 0 && (ts - cur_.first_ts >= rotate_after_ms_ || full_)) rotate();
     if (full_) {
       ++dropped_video_;
@@ -136,24 +145,20 @@ class Recorder {
     }
     maybe_preopen(ts);
     // The splitter cuts start codes in the first 200 bytes only, and passes a
-    // buffer that begins with a non-IDR slice on whole: an access unit goes in
-    // one call when all its pieces begin there and it holds one slice, others
-    // NAL unit by NAL unit.
+    // buffer that begins with a picture that is not a sync sample on whole: an
+    // access unit goes in one call when all its pieces begin there and it
+    // holds one slice, others NAL unit by NAL unit (the slice segments of an
+    // H.265 picture join its sample).
     const size_t limit = std::min<size_t>(au.bytes.size(), 200);
-    int slices = 0;
-    bool splittable = true;
+    bool splittable = au.slices == 1;
     for (const auto &n : au.nals) {
-      slices += n.type == 1 || n.type == 5;
       if (n.offset != 0 && n.offset + 3 >= limit) splittable = false;
     }
     if (au.bipred)
       throw InputError(
           "a B picture: the recorder writes pictures in decoding order without "
           "composition offsets, so the stream must have no B pictures");
-    if (slices != 1)
-      throw InputError("a picture of " + std::to_string(slices) +
-                       " slices: the recorder keeps one NAL unit per sample, so the stream "
-                       "must have one slice per picture");
+    if (au.slices != 1 && video_format_ == 2) throw InputError(several_slices(au.slices));
     int r;
     if (splittable) {
       r = retry_busy([&] {
@@ -186,7 +191,7 @@ class Recorder {
   }
 
   void audio(const std::vector<uint8_t> &frame, long long ts) {
-    if (cur_.video_frames == 0 && video_format_ == 2) {
+    if (cur_.video_frames == 0 && video_format_ != 1) {
       ++dropped_audio_early_;  // a file begins with its IDR picture
       return;
     }
@@ -632,34 +637,36 @@ int run_record(const RecordOptions &opt_in) {
       if (!next_pic) throw InputError(video_name + ": no whole JPEG picture");
       if (!width) width = next_pic->width, height = next_pic->height;
     } else {
-      h264.emplace(source_for(opt.video, sample_h264()));
+      h264.emplace(source_for(opt.video, sample_h264()), opt.hevc);
+      const char *codec = opt.hevc ? "H.265" : "H.264";
+      const int sps_type = opt.hevc ? 33 : 7;
       std::optional<SpsInfo> sps;
-      // A file starts with an IDR picture behind its parameter sets.
-      bool have_sps = false, have_pps = false;
+      // A file starts with an IDR (H.265: IRAP) picture behind its parameter sets.
+      bool have_vps = !opt.hevc, have_sps = false, have_pps = false;
       while ((next_au = next_video_au())) {
         for (const auto &n : next_au->nals) {
           if ((next_au->bytes[n.offset + (next_au->bytes[n.offset + 2] == 1 ? 3 : 4)] & 0x80) != 0)
-            throw InputError(video_name + ": not an H.264 stream (a NAL unit header is invalid)");
-          if (n.type == 7) {
-            have_sps = true;
-            if (!sps) sps = parse_sps({next_au->bytes.data() + n.offset, n.size});
+            throw InputError(video_name + ": not an " + codec +
+                             " stream (a NAL unit header is invalid)");
+          if (n.type == sps_type && !sps) {
+            const std::span<const uint8_t> unit(next_au->bytes.data() + n.offset, n.size);
+            sps = opt.hevc ? parse_hevc_sps(unit) : parse_sps(unit);
           }
-          if (n.type == 8) have_pps = true;
         }
-        if (next_au->idr && have_sps && have_pps) break;
+        have_vps |= next_au->has_vps;
+        have_sps |= next_au->has_sps;
+        have_pps |= next_au->has_pps;
+        if (next_au->idr && have_vps && have_sps && have_pps) break;
         if (next_au->has_picture) ++skipped;
         if (skipped > 100000) break;
       }
       if (!next_au || !next_au->idr)
         throw InputError(video_name +
-                         " holds no IDR picture with its SPS and PPS: not an H.264 "
-                         "stream a recording can start on");
-      int slices = 0;
-      for (const auto &n : next_au->nals) slices += n.type == 1 || n.type == 5;
-      if (slices != 1)
-        throw InputError(video_name + ": pictures of " + std::to_string(slices) +
-                         " slices; the recorder keeps one NAL unit per sample, so the stream "
-                         "must have one slice per picture");
+                         (opt.hevc ? " holds no IRAP picture with its VPS, SPS and PPS"
+                                   : " holds no IDR picture with its SPS and PPS") +
+                         ": not an " + codec + " stream a recording can start on");
+      if (next_au->slices != 1 && !opt.hevc)
+        throw InputError(video_name + ": " + several_slices(next_au->slices));
       if (!width) {
         if (!sps || sps->width <= 0 || sps->height <= 0)
           throw InputError("the picture size cannot be read from the SPS; give --size WxH");
@@ -707,7 +714,8 @@ int run_record(const RecordOptions &opt_in) {
         (have_audio ? (opt.mjpeg ? ", PCM audio" : ", AAC audio") : ", silence for audio") +
         ") into " + opt.out_dir + "\n");
     if (skipped)
-      say("skipped " + std::to_string(skipped) + " pictures before the first IDR picture\n");
+      say("skipped " + std::to_string(skipped) + " pictures before the first " +
+          (opt.hevc ? "IRAP" : "IDR") + " picture\n");
 
     // ---- the recording loop: frames in time-stamp order ----
     progress.restart();
@@ -742,7 +750,7 @@ int run_record(const RecordOptions &opt_in) {
           gop.push_back(au->bytes);
           if (!after) {
             // The last picture: a stream cut inside it is not recorded.
-            const std::string why = last_picture_error(gop);
+            const std::string why = last_picture_error(gop, opt.hevc);
             if (!why.empty() || !au->has_picture) {
               truncated_video = true;
               truncation = why.empty() ? "parameter sets without a picture at the end"
@@ -751,7 +759,7 @@ int run_record(const RecordOptions &opt_in) {
               continue;
             }
           }
-          if (au->has_picture) rec->video_h264(*au, ts);
+          if (au->has_picture) rec->video_access_unit(*au, ts);
           au = std::move(after);
           after = au ? next_video_au() : std::nullopt;
         }

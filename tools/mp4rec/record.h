@@ -9,9 +9,11 @@
 namespace mp4tool {
 
 struct RecordOptions {
-  std::string video;   // H.264 Annex B or JPEG stream; "-" for standard input; empty: the sample
+  std::string
+      video;  // H.264 or H.265 Annex B or JPEG stream; "-" for standard input; empty: the sample
   std::string audio;   // ADTS AAC, or raw PCM with `pcm_bits`
   bool mjpeg = false;  // JPEG pictures + PCM (an MJPEG file)
+  bool hevc = false;   // the video is H.265
   int pcm_bits = 0;    // 8 or 16 (MJPEG only)
   std::string out_dir = "recordings";
   std::string pattern = "rec-%Y%m%d-%H%M%S-{n}.mp4";

@@ -23,8 +23,10 @@ recorder does. With no input it records the built-in sample (H.264 + AAC).
 
 input:
   VIDEO                H.264 Annex B stream (file, or - for standard input);
-                       with --mjpeg a stream of JPEG pictures
-  -a, --audio FILE     ADTS AAC (with H.264) or raw PCM, 16000 Hz mono (with --mjpeg)
+                       with --hevc H.265, with --mjpeg a stream of JPEG pictures
+  -a, --audio FILE     ADTS AAC (with H.264 or H.265) or raw PCM, 16000 Hz mono
+                       (with --mjpeg)
+      --hevc           the video is H.265 Annex B (video format 3)
       --mjpeg          the video is JPEG pictures (an MJPEG file)
       --pcm 8|16       sample width of the PCM audio (default 16)
       --fps N          frame rate (default: the stream's timing, else 30)
@@ -34,7 +36,8 @@ output:
   -o, --output DIR     output directory (default ./recordings)
   -n, --name PATTERN   file names: strftime conversions of the file's start time
                        and {n} for its number (default rec-%Y%m%d-%H%M%S-{n}.mp4)
-  -s, --segment SECS   start a new file at the first IDR picture after SECS seconds
+  -s, --segment SECS   start a new file at the first IDR (H.265: IRAP) picture
+                       after SECS seconds
 stream info:
       --duration SECS  planned file length, sizing the reserved index
                        (default: twice the segment, at least segment + 10; else 600)
@@ -107,6 +110,8 @@ bool parse_record_options(int argc, char **argv, RecordOptions &opt, bool &help)
       opt.audio = v;
     } else if (a == "--mjpeg") {
       opt.mjpeg = true;
+    } else if (a == "--hevc") {
+      opt.hevc = true;
     } else if (a == "--pcm") {
       if (!(v = need(i, a))) return false;
       opt.pcm_bits = std::atoi(v);
@@ -163,11 +168,18 @@ bool parse_record_options(int argc, char **argv, RecordOptions &opt, bool &help)
     }
   }
   if (opt.pcm_bits && !opt.mjpeg) {
-    std::cerr << "mp4rec record: PCM audio goes with --mjpeg; H.264 recordings take ADTS AAC\n";
+    std::cerr << "mp4rec record: PCM audio goes with --mjpeg; H.264 and H.265 recordings take "
+                 "ADTS AAC\n";
     return false;
   }
-  if (opt.mjpeg && opt.video.empty()) {
-    std::cerr << "mp4rec record: --mjpeg needs a JPEG stream\n";
+  if (opt.mjpeg && opt.hevc) {
+    std::cerr << "mp4rec record: --mjpeg and --hevc name two kinds of video\n";
+    return false;
+  }
+  if ((opt.mjpeg || opt.hevc) && opt.video.empty()) {
+    std::cerr << "mp4rec record: "
+              << (opt.mjpeg ? "--mjpeg needs a JPEG stream" : "--hevc needs an H.265 stream")
+              << "\n";
     return false;
   }
   if (opt.mjpeg && !opt.audio.empty() && !opt.pcm_bits) opt.pcm_bits = 16;

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "mp4/hevc.h"
+
 namespace mp4tool {
 
 namespace {
@@ -90,19 +92,13 @@ class Bits {
   size_t pos_ = 0;
 };
 
-std::vector<uint8_t> unescape(std::span<const uint8_t> p) {
-  std::vector<uint8_t> out;
-  out.reserve(p.size());
-  int zeros = 0;
-  for (const uint8_t c : p) {
-    if (zeros >= 2 && c == 3) {
-      zeros = 0;
-      continue;
-    }
-    out.push_back(c);
-    zeros = c == 0 ? zeros + 1 : 0;
-  }
-  return out;
+// The bytes behind a unit's start code (zero bytes in front of it allowed);
+// empty when there is no start code.
+std::span<const uint8_t> behind_start_code(std::span<const uint8_t> nal) {
+  size_t skip = 0;
+  while (skip < nal.size() && nal[skip] == 0) ++skip;
+  if (skip < 2 || skip >= nal.size() || nal[skip] != 1) return {};
+  return nal.subspan(skip + 1);
 }
 
 void skip_scaling_list(Bits &b, int size) {
@@ -161,7 +157,8 @@ std::optional<NalUnit> NalReader::next() {
     if (in_.size() < z + 3 || in_.data()[z] != 0 || in_.data()[z + 1] != 0 ||
         in_.data()[z + 2] != 1) {
       if (in_.at_end() || in_.size() == 0) return std::nullopt;
-      throw InputError("not an H.264 Annex B stream: it does not begin with a start code");
+      throw InputError(std::string("not an ") + codec_ +
+                       " Annex B stream: it does not begin with a start code");
     }
     in_.consume(z > 0 ? z - 1 : 0);
     started_ = true;
@@ -196,12 +193,22 @@ std::optional<AccessUnit> AccessUnitReader::next() {
     std::optional<NalUnit> nal = pending_ ? std::move(pending_) : nals_.next();
     pending_.reset();
     if (!nal) break;
-    const int t = nal->type();
     const auto *payload = nal->bytes.data() + nal->start_code;
-    const bool picture = t == 1 || t == 5;
-    const bool first_slice = picture && nal->bytes.size() > size_t(nal->start_code) + 1 &&
-                             (payload[1] & 0x80) != 0;  // first_mb_in_slice == 0
-    const bool opener = (t >= 6 && t <= 9) || (t >= 14 && t <= 18) || first_slice;
+    const size_t payload_size = nal->bytes.size() - static_cast<size_t>(nal->start_code);
+    int t = 0;
+    bool picture = false, first_slice = false, opener = false;
+    if (hevc_) {
+      t = nal->hevc_type();
+      picture = t >= 0 && t < 32;
+      first_slice = picture && payload_size > 2 && (payload[2] & 0x80) != 0;
+      opener = (t >= 32 && t <= 35) || t == 39 || (t >= 41 && t <= 44) || (t >= 48 && t <= 55) ||
+               first_slice;
+    } else {
+      t = nal->type();
+      picture = t == 1 || t == 5;
+      first_slice = picture && payload_size > 1 && (payload[1] & 0x80) != 0;  // first_mb == 0
+      opener = (t >= 6 && t <= 9) || (t >= 14 && t <= 18) || first_slice;
+    }
     if (au.has_picture && opener) {
       pending_ = std::move(nal);
       break;
@@ -209,10 +216,21 @@ std::optional<AccessUnit> AccessUnitReader::next() {
     au.nals.push_back({au.bytes.size(), nal->bytes.size(), t});
     au.bytes.insert(au.bytes.end(), nal->bytes.begin(), nal->bytes.end());
     au.has_picture |= picture;
-    au.idr |= t == 5;
-    if (picture && slice_type(nal->bytes) % 5 == 1) au.bipred = true;
-    au.has_sps |= t == 7;
-    au.has_pps |= t == 8;
+    au.slices += picture;
+    if (hevc_) {
+      au.idr |= t >= 16 && t <= 21;
+      if (first_slice && hevc_slice_type(nal->bytes, extra_slice_header_bits_) == 0)
+        au.bipred = true;
+      if (t == 34) extra_slice_header_bits_ = std::max(0, hevc_extra_slice_header_bits(nal->bytes));
+      au.has_vps |= t == 32;
+      au.has_sps |= t == 33;
+      au.has_pps |= t == 34;
+    } else {
+      au.idr |= t == 5;
+      if (picture && slice_type(nal->bytes) % 5 == 1) au.bipred = true;
+      au.has_sps |= t == 7;
+      au.has_pps |= t == 8;
+    }
   }
   if (au.nals.empty()) return std::nullopt;
   return au;
@@ -227,7 +245,7 @@ std::optional<SpsInfo> parse_sps(std::span<const uint8_t> nal) {
     skip = 0;
   if (nal.size() < skip + 4 || (nal[skip] & 0x1F) != 7) return std::nullopt;
   try {
-    Bits b(unescape(nal.subspan(skip + 1)));
+    Bits b(mp4rec::unescape_rbsp(nal.subspan(skip + 1)));
     SpsInfo s;
     s.profile = static_cast<int>(b.u(8));
     b.u(8);
@@ -298,15 +316,57 @@ std::optional<SpsInfo> parse_sps(std::span<const uint8_t> nal) {
   }
 }
 
+std::optional<SpsInfo> parse_hevc_sps(std::span<const uint8_t> nal) {
+  const auto sps = mp4rec::hevc::parse_sps(behind_start_code(nal));
+  if (!sps) return std::nullopt;
+  SpsInfo s;
+  s.profile = sps->profile_tier_level[0] & 0x1F;
+  s.level = sps->profile_tier_level[11];
+  s.width = static_cast<int>(sps->width);
+  s.height = static_cast<int>(sps->height);
+  s.fps = sps->fps;
+  return s;
+}
+
 int slice_type(std::span<const uint8_t> nal) {
-  size_t skip = 0;
-  while (skip < nal.size() && nal[skip] == 0) ++skip;
-  if (skip < 2 || skip >= nal.size() || nal[skip] != 1) return -1;
+  const auto unit = behind_start_code(nal);
+  if (unit.empty()) return -1;
   try {
-    Bits b(unescape(nal.subspan(skip + 2, std::min<size_t>(nal.size() - skip - 2, 16))));
+    Bits b(mp4rec::unescape_rbsp(unit.subspan(1, std::min<size_t>(unit.size() - 1, 16))));
     b.ue();  // first_mb_in_slice
     const uint32_t t = b.ue();
     return t <= 9 ? static_cast<int>(t) : -1;
+  } catch (const InputError &) {
+    return -1;
+  }
+}
+
+int hevc_slice_type(std::span<const uint8_t> nal, int extra_slice_header_bits) {
+  const auto unit = behind_start_code(nal);
+  if (unit.size() < 3) return -1;
+  const int type = (unit[0] >> 1) & 0x3F;
+  try {
+    Bits b(mp4rec::unescape_rbsp(unit.subspan(2, std::min<size_t>(unit.size() - 2, 16))));
+    if (b.u(1) == 0) return -1;            // not the first slice segment of its picture
+    if (type >= 16 && type <= 23) b.u(1);  // no_output_of_prior_pics_flag
+    b.ue();                                // slice_pic_parameter_set_id
+    b.u(extra_slice_header_bits);
+    const uint32_t t = b.ue();
+    return t <= 2 ? static_cast<int>(t) : -1;
+  } catch (const InputError &) {
+    return -1;
+  }
+}
+
+int hevc_extra_slice_header_bits(std::span<const uint8_t> pps) {
+  const auto unit = behind_start_code(pps);
+  if (unit.size() < 3) return -1;
+  try {
+    Bits b(mp4rec::unescape_rbsp(unit.subspan(2)));
+    b.ue();  // pps_pic_parameter_set_id
+    b.ue();  // pps_seq_parameter_set_id
+    b.u(2);  // dependent_slice_segments_enabled_flag, output_flag_present_flag
+    return static_cast<int>(b.u(3));
   } catch (const InputError &) {
     return -1;
   }

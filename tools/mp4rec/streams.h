@@ -1,5 +1,5 @@
-// Readers of the elementary streams that `mp4rec record` takes: H.264 Annex B
-// cut into NAL units and access units, ADTS AAC frames, JPEG pictures and raw
+// Readers of the elementary streams that `mp4rec record` takes: H.264 and
+// H.265 Annex B cut into NAL units and access units, ADTS AAC frames, JPEG pictures and raw
 // PCM blocks. Every reader works on a byte source (a file, standard input or
 // memory) without needing the whole stream at once.
 #pragma once
@@ -56,23 +56,29 @@ class Buffered {
   bool eof_ = false;
 };
 
-// ---- H.264 ----
+// ---- H.264 and H.265 ----
 
 struct NalUnit {
   std::vector<uint8_t> bytes;  // start code included
   int start_code = 4;          // 3 or 4
   int type() const { return bytes.size() > size_t(start_code) ? bytes[start_code] & 0x1F : -1; }
+  int hevc_type() const {
+    return bytes.size() > size_t(start_code) ? (bytes[start_code] >> 1) & 0x3F : -1;
+  }
 };
 
 class NalReader {
  public:
-  explicit NalReader(std::unique_ptr<ByteSource> src) : in_(std::move(src)) {}
+  // `codec` names the stream in the error message.
+  explicit NalReader(std::unique_ptr<ByteSource> src, const char *codec = "H.264")
+      : in_(std::move(src)), codec_(codec) {}
   // The next NAL unit, or nothing at the end. Throws InputError when the stream
   // does not begin with a start code.
   std::optional<NalUnit> next();
 
  private:
   Buffered in_;
+  const char *codec_;
   bool started_ = false;
 };
 
@@ -80,25 +86,31 @@ struct AccessUnit {
   std::vector<uint8_t> bytes;  // the NAL units one behind the other, start codes included
   struct Part {
     size_t offset, size;
-    int type;
+    int type;  // of the stream's codec
   };
   std::vector<Part> nals;
-  bool idr = false;
+  bool idr = false;  // H.265: an IRAP picture (BLA, IDR, CRA)
   bool has_picture = false;
+  bool has_vps = false;  // H.265
   bool has_sps = false;
   bool has_pps = false;
   bool bipred = false;  // holds a B slice
+  int slices = 0;       // H.264 slices, H.265 slice segments
 };
 
 // Groups NAL units into access units: parameter sets, SEI and delimiters open a
-// new unit after a picture, as does a slice that starts a new picture.
+// new unit after a picture, as does a slice that starts a new picture. With
+// `hevc` the stream is H.265.
 class AccessUnitReader {
  public:
-  explicit AccessUnitReader(std::unique_ptr<ByteSource> src) : nals_(std::move(src)) {}
+  explicit AccessUnitReader(std::unique_ptr<ByteSource> src, bool hevc = false)
+      : nals_(std::move(src), hevc ? "H.265" : "H.264"), hevc_(hevc) {}
   std::optional<AccessUnit> next();
 
  private:
   NalReader nals_;
+  bool hevc_;
+  int extra_slice_header_bits_ = 0;  // H.265: of the latest PPS
   std::optional<NalUnit> pending_;
 };
 
@@ -111,9 +123,18 @@ struct SpsInfo {
 };
 // Parses a sequence parameter set NAL unit (start code included or not).
 std::optional<SpsInfo> parse_sps(std::span<const uint8_t> nal);
+// The same for an H.265 SPS (start code included).
+std::optional<SpsInfo> parse_hevc_sps(std::span<const uint8_t> nal);
 
 // The slice_type of a slice NAL unit (0..9), or -1 when it cannot be read.
 int slice_type(std::span<const uint8_t> nal);
+
+// H.265: the slice_type (0 B, 1 P, 2 I) of a slice segment that begins its
+// picture, given the PPS's num_extra_slice_header_bits; -1 for any other unit
+// or when it cannot be read.
+int hevc_slice_type(std::span<const uint8_t> nal, int extra_slice_header_bits);
+// H.265: num_extra_slice_header_bits of a PPS NAL unit, or -1.
+int hevc_extra_slice_header_bits(std::span<const uint8_t> pps);
 
 // ---- AAC ----
 
