@@ -81,6 +81,7 @@ class LavfBackend final : public Backend {
   ~LavfBackend() override { release(); }
 
   void setup(const Options &, Input &in) override {
+    if (in.hevc) throw std::runtime_error("the libavformat back ends take H.264 only");
     av_log_set_level(AV_LOG_ERROR);
     in_ = &in;
     avcc_ = avcc_config(in);

@@ -25,6 +25,7 @@ namespace bench {
 namespace {
 
 constexpr int kVideoH264 = 2;
+constexpr int kVideoH265 = 3;
 constexpr int kAudioAac = 3;
 
 // What one sync costs on the slow card (set per recording; one per process).
@@ -55,7 +56,8 @@ class Mp4recBackend final : public Backend {
 
     const int64_t cpu0 = process_cpu_ns();
     const int64_t t0 = mono_ns();
-    if (mp4_write_open_first(base_, session_, in.width, in.height, kVideoH264, kAudioAac) != 0)
+    if (mp4_write_open_first(base_, session_, in.width, in.height,
+                             in.hevc ? kVideoH265 : kVideoH264, kAudioAac) != 0)
       throw std::runtime_error("mp4_write_open_first failed");
     if (opt_.throttle_bytes_per_s > 0) {
       pace_prepared_file();

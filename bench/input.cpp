@@ -52,8 +52,16 @@ double Input::seconds() const {
 }
 
 Input load_input(const std::string &video_path, const std::string &audio_path, int width,
-                 int height, int fps) {
+                 int height, int fps, bool hevc) {
   Input in;
+  in.hevc = hevc;
+  // NAL types by codec: pictures (slices) and sync pictures, SPS and PPS.
+  const auto type_of = [hevc](uint8_t header) {
+    return hevc ? (header >> 1) & 0x3F : header & 0x1F;
+  };
+  const auto picture = [hevc](int t) { return hevc ? t < 32 : t == 1 || t == 5; };
+  const auto key = [hevc](int t) { return hevc ? t >= 16 && t <= 21 : t == 5; };
+  const int sps_type = hevc ? 33 : 7, pps_type = hevc ? 34 : 8;
   in.width = width;
   in.height = height;
   in.fps = fps;
@@ -75,17 +83,16 @@ Input load_input(const std::string &video_path, const std::string &audio_path, i
     const size_t sc = codes[i].len;
     const auto nal = in.nals[i];
     if (nal.size() <= sc) throw std::runtime_error(video_path + ": empty NAL unit");
-    const int type = nal[sc] & 0x1F;
-    if (type == 7 && in.sps.empty()) in.sps.assign(nal.begin() + sc, nal.end());
-    if (type == 8 && in.pps.empty()) in.pps.assign(nal.begin() + sc, nal.end());
-    if (type != 1 && type != 5) continue;
+    const int type = type_of(nal[sc]);
+    if (type == sps_type && in.sps.empty()) in.sps.assign(nal.begin() + sc, nal.end());
+    if (type == pps_type && in.pps.empty()) in.pps.assign(nal.begin() + sc, nal.end());
+    if (!picture(type)) continue;
     Unit u;
     u.video = true;
     u.nal_first = uint32_t(first);
     u.nal_count = uint32_t(i + 1 - first);
     for (size_t k = first; k <= i; ++k) {
-      const int t = in.nals[k][codes[k].len] & 0x1F;
-      if (t == 5) u.key = true;
+      if (key(type_of(in.nals[k][codes[k].len]))) u.key = true;
     }
     video.push_back(u);
     first = i + 1;
@@ -140,8 +147,7 @@ Input load_input(const std::string &video_path, const std::string &audio_path, i
       for (uint32_t k = u.nal_first; k < u.nal_first + u.nal_count; ++k) {
         const size_t sc = codes[k].len;
         const auto nal = in.nals[k];
-        const int t = nal[sc] & 0x1F;
-        if (t != 1 && t != 5) continue;
+        if (!picture(type_of(nal[sc]))) continue;
         put_be32(in.samples, uint32_t(nal.size() - sc));
         in.samples.insert(in.samples.end(), nal.begin() + sc, nal.end());
       }

@@ -1,4 +1,4 @@
-// The bench input: an H.264 Annex B stream and an ADTS AAC stream, read and
+// The bench input: an H.264 (or H.265) Annex B stream and an ADTS AAC stream, read and
 // cut into frames before anything is timed, with the time stamps every back
 // end receives.
 #pragma once
@@ -14,7 +14,7 @@ namespace bench {
 // One frame as the host hands it over: a video access unit or an audio frame.
 struct Unit {
   bool video = false;
-  bool key = false;         // IDR access unit
+  bool key = false;         // IDR (H.265: IRAP) access unit
   uint32_t ts = 0;          // milliseconds from the start
   uint32_t duration = 0;    // milliseconds to the next frame of the same track
   uint32_t nal_first = 0;   // video: first of its NAL units in Input::nals
@@ -26,7 +26,8 @@ struct Unit {
 };
 
 struct Input {
-  std::vector<uint8_t> annexb;           // the H.264 stream as read
+  bool hevc = false;                     // the video is H.265
+  std::vector<uint8_t> annexb;           // the video stream as read
   std::vector<uint8_t> adts;             // the AAC stream as read
   std::vector<uint8_t> samples;          // every sample as it stands in mdat, in unit order
   std::vector<std::span<uint8_t>> nals;  // NAL units with their start codes
@@ -44,9 +45,10 @@ struct Input {
   double seconds() const;
 };
 
-// Reads both files and cuts them; `audio_path` may be empty (video only).
-// Throws std::runtime_error on a malformed stream.
+// Reads both files and cuts them; `audio_path` may be empty (video only), and
+// with `hevc` the video is H.265. Throws std::runtime_error on a malformed
+// stream.
 Input load_input(const std::string &video_path, const std::string &audio_path, int width,
-                 int height, int fps);
+                 int height, int fps, bool hevc = false);
 
 }  // namespace bench

@@ -2,6 +2,7 @@
 // child process of its own, and prints the medians as a Markdown table.
 //
 //   mp4rec_bench record --video=F.h264 --audio=F.aac --width=W --height=H
+//       [--hevc (the video is H.265)]
 //       [--fps=30] [--reps=5] [--dir=/dev/shm] [--backends=a,b,...]
 //       [--throttle-mbps=10] [--speed=X] [--record-duration=S] [--prealloc]
 //       [--sync-ms=10] [--keep=DIR] [--title=TEXT]
@@ -193,7 +194,7 @@ int record(int argc, char **argv) {
   const std::string video = args.get("video"), audio = args.get("audio");
   if (video.empty()) throw std::runtime_error("--video is required");
   Input in = load_input(video, audio, int(args.num("width", 1920)), int(args.num("height", 1080)),
-                        int(args.num("fps", 30)));
+                        int(args.num("fps", 30)), args.flag("hevc"));
   const int reps = int(args.num("reps", 5));
   const std::string dir = args.get("dir", "/dev/shm");
   const std::string keep = args.get("keep");
