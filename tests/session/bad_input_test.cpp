@@ -5,6 +5,7 @@
 // before the bad input still plays.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,7 @@ enum class Next { kFrame, kClose, kAbandon };
 
 struct BadInput {
   const char *name;
-  int video_format;             // 2: H.264 + AAC; 1: MJPEG + 16-bit PCM
+  int video_format;             // 2: H.264 + AAC; 3: H.265 + AAC; 1: MJPEG + 16-bit PCM
   int (*call)(mp4_handler *h);  // hands the bad input in; answers -1
   bool released;                // the writer lets go of the file
 };
@@ -67,16 +68,33 @@ const BadInput kInputs[] = {
      true},
     {"JPEG without markers", 1, [](mp4_handler *h) { return video(Bytes(500, 0x11), 9000, h); },
      true},
+    {"H.265 header of one byte", 3,
+     [](mp4_handler *h) {
+       return video({0, 0, 1, 0x26}, 9000, h);
+     },
+     true},
+    {"H.265 slice that would outgrow a buffer node", 3,
+     [](mp4_handler *h) {
+       Bytes slice(300000, 0x11);  // continues the picture before it
+       std::copy_n(Bytes{0, 0, 1, 0x02, 0x01, 0x00}.begin(), 6, slice.begin());
+       return video(slice, 9000, h);
+     },
+     false},
 };
 
 TEST(BadInput, EveryNextCallIsSafeAndTheFilePlays) {
   const auto units = testsupport::access_units(testsupport::split_annexb(
       testsupport::read_file(testsupport::h264_stream(160, 120, 25, 1.0, 25))));
+  const auto hevc_units = testsupport::access_units(
+      testsupport::split_annexb(
+          testsupport::read_file(testsupport::hevc_stream(160, 120, 25, 1.0, 25))),
+      true);
   const auto aac =
       testsupport::split_adts(testsupport::read_file(testsupport::aac_stream(16000, 1.0)));
   const auto pictures =
       testsupport::split_jpeg(testsupport::read_file(testsupport::mjpeg_stream(160, 120, 25, 1.0)));
   ASSERT_GE(units.size(), 20u);
+  ASSERT_GE(hevc_units.size(), 20u);
   ASSERT_GE(aac.size(), 10u);
   ASSERT_GE(pictures.size(), 10u);
   TempDir dir;
@@ -84,9 +102,9 @@ TEST(BadInput, EveryNextCallIsSafeAndTheFilePlays) {
   mp4_base *base = mp4_base_new();
   ASSERT_NE(base, nullptr);
 
-  // Pictures [from, to) with the AAC frames that fall due before them.
+  // Access units [from, to) with the AAC frames that fall due before them.
   size_t next_aac = 0;
-  auto feed_h264 = [&](mp4_handler *h, size_t from, size_t to) {
+  auto feed_front = [&](mp4_handler *h, const auto &units, size_t from, size_t to) {
     for (size_t i = from; i < to; ++i) {
       Bytes au = joined(units[i]);
       ASSERT_EQ(mp4_write_splite_sps_pps_i(au.data(), static_cast<int>(au.size()),
@@ -107,16 +125,17 @@ TEST(BadInput, EveryNextCallIsSafeAndTheFilePlays) {
       SCOPED_TRACE(std::string(input.name) + ", next " + std::to_string(static_cast<int>(next)));
       const std::string name = "f" + std::to_string(n++);
       OpenFile f =
-          post_and_open(base, dir, name, input.video_format, input.video_format == 2 ? 3 : 2);
+          post_and_open(base, dir, name, input.video_format, input.video_format != 1 ? 3 : 2);
       ASSERT_EQ(f.opened.rc, 0) << log.dump();
       mp4_handler *h = f.opened.handler;
-      const bool h264 = input.video_format == 2;
-      // H.264: ten pictures committed, five more waiting in the data buffer.
+      const bool front = input.video_format != 1;
+      const auto &au = input.video_format == 3 ? hevc_units : units;
+      // H.264 and H.265: ten pictures committed, five more waiting in the data buffer.
       next_aac = 0;
-      if (h264) {
-        feed_h264(h, 0, 10);
+      if (front) {
+        feed_front(h, au, 0, 10);
         ASSERT_EQ(mp4_sync_data_buffer(static_cast<mp4_handle *>(h->mp4_handle)), 0);
-        feed_h264(h, 10, 15);
+        feed_front(h, au, 10, 15);
       } else {
         for (size_t i = 0; i < 5; ++i) {
           Bytes pic = pictures[i], pcm(2304);
@@ -131,10 +150,10 @@ TEST(BadInput, EveryNextCallIsSafeAndTheFilePlays) {
       long frames = 15;
       switch (next) {
         case Next::kFrame: {
-          Bytes more = h264 ? joined(units[15]) : pictures[5];
+          Bytes more = front ? joined(au[15]) : pictures[5];
           EXPECT_EQ(
-              h264 ? mp4_write_splite_sps_pps_i(more.data(), static_cast<int>(more.size()), 600, h)
-                   : video(more, 600, h),
+              front ? mp4_write_splite_sps_pps_i(more.data(), static_cast<int>(more.size()), 600, h)
+                    : video(more, 600, h),
               expect);
           if (!input.released) ++frames;
           EXPECT_EQ(mp4_write_close(h), expect);
@@ -151,7 +170,7 @@ TEST(BadInput, EveryNextCallIsSafeAndTheFilePlays) {
       }
       const std::string kept = dir.file(name + "-kept.mp4");
       end_file(base, f, kept);
-      if (!h264) continue;  // an MJPEG file is indexed only by its close
+      if (!front) continue;  // an MJPEG file is indexed only by its close
       EXPECT_EQ(testsupport::ffprobe_frames(kept, "v"), frames);
       EXPECT_EQ(testsupport::ffmpeg_decode_errors(kept), "");
     }
