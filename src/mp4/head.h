@@ -12,13 +12,14 @@ namespace mp4rec {
 // The 50 ms that every duration adds for the newest sample.
 inline constexpr uint32_t kDurationPadMs = 50;
 // Bytes reserved behind the avcC (H.264) or hvcC (H.265) header for the
-// decoder configuration. They hold the box's content, a configuration record (without parameter
-// sets until SPS and PPS are known), and a free box over the rest, so that a parser walking the
-// avc1 entry skips the room. Fewer than 8 bytes left cannot hold a box: they stay inside avcC as
+// decoder configuration. They hold the box's content, a configuration record
+// (without parameter sets until they are known), and a free box over the
+// rest, so that a parser walking the sample entry skips the room. Fewer than
+// 8 bytes left cannot hold a box: they stay inside the configuration box as
 // zero padding behind the record.
 inline constexpr uint32_t kAvcCReserve = 512;
-// Bytes of avcC or hvcC content (the record and its padding) for a record of `record`
-// bytes; the free box takes the rest of the reserve.
+// Bytes of avcC or hvcC content (the record and its padding) for a record of
+// `record` bytes; the free box takes the rest of the reserve.
 constexpr uint32_t avcc_content_size(uint32_t record) {
   return kAvcCReserve - record < 8 ? kAvcCReserve : record;
 }
