@@ -60,7 +60,8 @@ int main(int argc, char **argv) {
   mp4_handler *handler = NULL;
   char mp4_path[256], mp2_path[256];
   int r = mp4_write_open_first(base, session, width, height, 2 /* H.264 */, 3 /* AAC */);
-  while (r == 0 && (r = mp4_write_open(base, mp4_path, mp2_path, &handler)) == 1) usleep(1000);
+  if (r == 0) /* 1: the thread is still busy, look again */
+    while ((r = mp4_write_open(base, mp4_path, mp2_path, &handler)) == 1) usleep(1000);
   if (r != 0) {
     fprintf(stderr, "open failed\n");
     mp4_base_free(base);

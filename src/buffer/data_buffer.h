@@ -98,9 +98,11 @@ namespace mp4rec {
 inline constexpr int32_t kVideoNodeBytes = 262144;
 inline constexpr int32_t kAudioNodeBytes = 16384;
 
-// QueueTop's patience: 15 looks, 200 ms apart.
+// QueueTop's patience for a free node: 3 s (15 looks of 200 ms). The wait
+// ends as soon as the writer thread gives a node back.
 inline constexpr int kQueueTopLooks = 15;
-inline constexpr useconds_t kQueueTopPauseUs = 200000;
+inline constexpr int64_t kQueueTopLookMs = 200;
+inline constexpr int64_t kQueueTopPatienceMs = kQueueTopLooks * kQueueTopLookMs;
 
 // Scoped ownership of a pthread mutex, for the places where a lock is simply
 // held for a block.

@@ -100,15 +100,18 @@ void start_video_node(mp4_buffer_node *node, const uint8_t *payload, videoNode *
   DataBuffer_NalistInsert(vnode, node);
 }
 
-// Waits (15 looks, 200 ms apart, as for a free node) until no other video
-// node holds grown storage. 0, or the refusal's code.
+// Waits (as long as for a free node) until no other video node holds grown
+// storage: the writer gives it back before it announces the node written.
+// 0, or the refusal's code.
 int await_no_grown_node(mp4_data_buffer *data) {
-  for (int look = 0; look < kQueueTopLooks; ++look) {
+  const int64_t deadline = monotonic_ms() + kQueueTopPatienceMs;
+  for (;;) {
+    const uint64_t seen = data->progress.seen();
     if (data->grown_nodes.load(std::memory_order_relaxed) == 0) return 0;
     if (status_of(data) == kBufferIoError) return -2;
-    usleep(kQueueTopPauseUs);
+    if (monotonic_ms() >= deadline) return refusal(data);
+    data->progress.wait(seen, deadline);
   }
-  return refusal(data);
 }
 
 // A video frame larger than a node: the node being filled goes to the writer
@@ -202,7 +205,11 @@ mp4_buffer_node *DataBuffer_QueueTop(mp4_data_buffer *data, int media_type) {
     MP4_ERR(" media type error\n");
     return nullptr;
   }
-  for (int look = 0; look < kQueueTopLooks; ++look) {
+  // The writer thread announces every node it gives back (and a card error):
+  // the wait ends as soon as a node is free, or after the patience.
+  const int64_t deadline = monotonic_ms() + kQueueTopPatienceMs;
+  for (;;) {
+    const uint64_t seen = data->progress.seen();
     mp4_buffer_node *head = nullptr;
     bool io_error = false;
     {
@@ -215,7 +222,8 @@ mp4_buffer_node *DataBuffer_QueueTop(mp4_data_buffer *data, int media_type) {
       return nullptr;
     }
     if (head != nullptr) return head;
-    usleep(kQueueTopPauseUs);
+    if (monotonic_ms() >= deadline) break;
+    data->progress.wait(seen, deadline);
   }
   MP4_ERR(" out of time\n");
   return nullptr;

@@ -200,7 +200,7 @@ int mp4_write_data_buffer_finish(mp4_data_buffer *data) {
       return durability_finish(data, bound);
     }
     if (empty) {
-      const int64_t polls = (monotonic_ms() - start) / (kQueueTopPauseUs / 1000);
+      const int64_t polls = (monotonic_ms() - start) / kQueueTopLookMs;
       if (polls >= kQueueTopLooks) {
         MP4_LOG(kLogFrames, kModAudio, " fwrite busy, wait %d times!\n", static_cast<int>(polls));
       }
@@ -231,8 +231,7 @@ int mp4_write_data_buffer_finish(mp4_data_buffer *data) {
       if (n == 0) continue;
     }
     if (!writing) wake_writer(data);  // a node waits and the writer is idle
-    data->progress.wait(seen,
-                        std::min(monotonic_ms() + kQueueTopPauseUs / 1000, stall_deadline(data)));
+    data->progress.wait(seen, std::min(monotonic_ms() + kQueueTopLookMs, stall_deadline(data)));
   }
 }
 

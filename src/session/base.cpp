@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "buffer/stall.h"
 #include "common/internal.h"
 #include "session/front_end.h"
 #include "session/pre_open.h"
@@ -34,6 +35,7 @@ static_assert(sizeof(mp4_session::mp2_tmp_path) == kPathField);
 // The handshake with a freshly started pre-open thread: at most 20 rounds, and
 // a ready word first seen in the last round still counts as too late.
 constexpr int kReadyRounds = 20;
+constexpr int64_t kReadyRoundMs = 1000;
 
 bool path_fits(const char *path) {
   return path != nullptr && std::strlen(path) < kPathField;
@@ -81,13 +83,10 @@ extern "C" MP4REC_API mp4_base *mp4_base_new(void) {
     return nullptr;
   }
 
-  int round = 0;
-  while (round < kReadyRounds) {
-    ++round;
-    if (pre_open_thread_ready()) break;
-    sleep(1);
-  }
-  if (round >= kReadyRounds) {
+  // Rounds are a second apart and the thread's word is looked at again as
+  // soon as it says it is ready: in time up to the 19th round (18 s on).
+  const int64_t deadline = mp4rec::monotonic_ms() + (kReadyRounds - 2) * kReadyRoundMs;
+  if (!mp4rec::pre_open_wait(pre_open_thread_ready, deadline)) {
     // The thread keeps running; the base is not handed out.
     MP4_ERR("mp4_write_pre_open_thread error\n");
     return nullptr;

@@ -27,7 +27,9 @@ std::atomic<bool> g_request_pending{false};
 // Set by mp4_base_free: the thread ends at its next look, even when the
 // base could not take the block's mutex to signal it.
 std::atomic<bool> g_stop{false};
-// Whether the thread has ended, and a wake-up for whoever waits for that.
+// Whether the thread has ended. The thread raises g_thread_progress when it
+// is ready, when it parks a file and when it ends: whoever waits for one of
+// these looks again then.
 std::atomic<bool> g_thread_ended{true};
 // Never destroyed: a thread left behind in a card write may still raise it
 // while the process ends.
@@ -38,8 +40,10 @@ const mp4_session *g_parked_for = nullptr;
 // The thread's own name in its log lines.
 constexpr const char *kThreadName = "mp4_write_pre_open_thread";
 
-// mp4_write_open_first looks at the slot 22 times, sleeping 1 s in between.
+// mp4_write_open_first looks at the slot 22 times, waiting up to 1 s in
+// between (less when a file is parked meanwhile).
 constexpr int kOpenFirstLastLook = 20;
+constexpr int64_t kOpenFirstLookMs = 1000;
 
 // A request's path words point at a session's 256-byte path fields.
 constexpr size_t kPathSize = sizeof(mp4_session::mp4_path);
@@ -239,6 +243,15 @@ bool pre_open_stop_thread() {
   return true;
 }
 
+bool pre_open_wait(bool (*done)(), int64_t deadline_ms) {
+  for (;;) {
+    const uint64_t seen = g_thread_progress.seen();
+    if (done()) return true;
+    if (monotonic_ms() >= deadline_ms) return false;
+    g_thread_progress.wait(seen, deadline_ms);
+  }
+}
+
 bool pre_open_busy() {
   if (g_request_pending.load()) return true;
   if (pthread_mutex_trylock(&g_mp4_open.mutex) != 0) return true;
@@ -261,6 +274,7 @@ extern "C" MP4REC_API void *mp4_write_pre_open_thread(void * /*unused*/) {
   // on it tells whether a file is being made right now.
   pthread_mutex_lock(&g_mp4_open.mutex);
   g_mp4_open.ready = 1;
+  g_thread_progress.bump();
   for (;;) {
     while (!g_request_pending.load() && g_pre_open_thread_status != 0 && !g_stop.load())
       wait_a_second();
@@ -293,6 +307,7 @@ extern "C" MP4REC_API void *mp4_write_pre_open_thread(void * /*unused*/) {
     g_serving = nullptr;
     g_serving_cancelled = false;
     pthread_mutex_unlock(&mutex_mp4_open);
+    g_thread_progress.bump();  // a file is parked (or the request is done with)
 
     if (cancelled) {
       // The session was freed while its file was made: its owner wants the
@@ -394,17 +409,27 @@ extern "C" MP4REC_API int mp4_write_open_first(mp4_base *base, mp4_session *sess
   // Replaces whatever session was attached.
   attach_and_request(base, session, width, height, video_format, audio_format);
 
-  for (int look = 0;;) {
+  const auto parked = [] {
     pthread_mutex_lock(&mutex_mp4_open);
     const bool ready = g_mp4_handler != nullptr;
     pthread_mutex_unlock(&mutex_mp4_open);
-    if (ready) return 0;
+    return ready;
+  };
+  for (int look = 0;;) {
+    if (parked()) return 0;
     MP4_LOG(mp4rec::kLogProgress, mp4rec::kModRecorder, "wait...%d\n", look);
     if (look++ > kOpenFirstLastLook) {
       // The request stays posted and the session attached.
       MP4_ERR("mp4_write_open_first time out\n");
       return -1;
     }
-    sleep(1);
+    // The next look comes when the thread has parked a file, or a second on.
+    if (mp4rec::pre_open_wait(parked, mp4rec::monotonic_ms() + kOpenFirstLookMs)) {
+      // Returned once the thread waits again, as after a whole second: an
+      // mp4_write_open right behind finds it idle and takes the file.
+      if (mp4rec::lock_until(g_mp4_open.mutex, mp4rec::monotonic_ms() + mp4rec::stall_bound_ms()))
+        pthread_mutex_unlock(&g_mp4_open.mutex);
+      return 0;
+    }
   }
 }

@@ -13,6 +13,10 @@ namespace mp4rec {
 void pre_open_reset_request();
 void pre_open_thread_not_started();
 
+// Waits until `done()` holds, looking again whenever the thread is ready,
+// parks a file or ends; false when `deadline_ms` (monotonic) passes first.
+bool pre_open_wait(bool (*done)(), int64_t deadline_ms);
+
 // Whether a request is posted and not yet served, or a file is being made.
 bool pre_open_busy();
 
