@@ -68,7 +68,6 @@ class Commit {
   // leaving the counts of the last stretch that reached the card.
   bool run() {
     FILE *file = h_->file;
-    const int32_t resume = mp4_ftell(file);
     const bool hidden[3] = {false, track_hidden(h_, 1), track_hidden(h_, 2)};
     std::vector<ChunkCounts> counts(d_.pending.size());
     uint32_t data_end = 0;
@@ -129,8 +128,6 @@ class Commit {
       sync();
     }
     for (const auto &c : counts) d_.last_run[c.track] = c.run;
-    // Going back to the end flushes what the last stretch left buffered.
-    if (mp4_fseek(file, resume, SEEK_SET) != 0) seek_failed();
     // An index write the card refused stopped the commit: a card error too.
     return ok_ && !index_stopped(h_);
   }
@@ -149,11 +146,6 @@ class Commit {
         index_reveal_track(file, h_, track);
         break;
     }
-  }
-
-  void seek_failed() {
-    MP4_LOG_AS(kWriterName, kLogError, kModRecorder, "mp4 write index : mp4_fseek error\n");
-    ok_ = false;
   }
 
   void sync() {
@@ -196,9 +188,8 @@ bool commit(mp4_data_buffer *data, bool durable) {
 bool reveal_at_close(mp4_handle *h, bool durable) {
   if ((h->indexState & (kHiddenVideo | kHiddenAudio)) == 0) return true;
   FILE *file = h->file;
-  const int32_t resume = mp4_ftell(file);
   for (int track : {1, 2}) index_reveal_track(file, h, track);
-  if (mp4_fseek(file, resume, SEEK_SET) != 0 || h->writeStatus != 0) return false;
+  if (h->writeStatus != 0) return false;
   if (!durable) return true;
   ++h->dataBuffer->durability.syncs;
   if (card::sync(file) == 0) return true;
@@ -239,12 +230,9 @@ bool durability_node_written(mp4_buffer_node *node, int media_type) {
   // that is not only lacks samples that no decoder could read): a file cut
   // before its first commit keeps what `mp4rec repair` needs for its pictures.
   if (video) {
-    FILE *file = h->file;
-    const int32_t resume = mp4_ftell(file);
-    mp4_write_stsd_tag_update(file, h, h->updatePos->videoPos);
-    // Going back flushes the configuration: a write the card refused is a
-    // card error.
-    if (mp4_fseek(file, resume, SEEK_SET) != 0 || h->writeStatus != 0) return false;
+    // A configuration write the card refused is a card error.
+    mp4_write_stsd_tag_update(h->file, h, h->updatePos->videoPos);
+    if (h->writeStatus != 0) return false;
   }
   // The records now belong to the commit; the node is recycled without them.
   PendingChunk p{h, video ? 1 : 2, head, nullptr, node->data_len};

@@ -4,6 +4,8 @@
 
 #include <array>
 
+#include "buffer/card.h"
+
 namespace mp4rec::box {
 
 int32_t Sink::tell() const {
@@ -57,6 +59,24 @@ int32_t Scope::patch() {
 int32_t Scope::close() {
   if (patched_ && ok()) s_.add(patch());
   return s_.status();
+}
+
+void Run::u32(uint32_t v) {
+  const uint8_t b[4] = {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16),
+                        static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+  bytes(b);
+}
+
+void Run::tag(const char *four_cc) {
+  bytes({reinterpret_cast<const uint8_t *>(four_cc), 4});
+}
+
+int32_t put_at(Sink &s, const Run &run) {
+  if (run.empty()) return 0;
+  const auto data = run.data();
+  const int32_t r = s && card::write_at(s.file(), data.data(), data.size(), run.at()) == 0 ? 0 : -1;
+  s.add(r);
+  return r;
 }
 
 int32_t write_u32_at(Sink &s, uint32_t pos, uint32_t value) {

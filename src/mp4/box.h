@@ -121,6 +121,33 @@ class Scope {
   bool patched_;
 };
 
+// The bytes of one positional write: words, tags and bytes gathered in
+// memory and written at their offset in one call by put_at, without a seek
+// and without moving the stream. The index patches are written this way.
+class Run {
+ public:
+  explicit Run(uint32_t at) : at_(at) {}
+  void u32(uint32_t v);
+  void tag(const char *four_cc);
+  void bytes(std::span<const uint8_t> data) {
+    bytes_.insert(bytes_.end(), data.begin(), data.end());
+  }
+  // Moves the start on by `n` bytes; only while nothing is gathered.
+  void skip(uint32_t n) { at_ += n; }
+  bool empty() const { return bytes_.empty(); }
+  uint32_t at() const { return at_; }
+  uint32_t end() const { return at_ + static_cast<uint32_t>(bytes_.size()); }
+  std::span<const uint8_t> data() const { return bytes_; }
+
+ private:
+  uint32_t at_;
+  std::vector<uint8_t> bytes_;
+};
+
+// Writes a run at its offset through the card seam, as one write call (none
+// for an empty run). Adds 0 or -1 into the status and returns that result.
+int32_t put_at(Sink &s, const Run &run);
+
 // Seeks to the absolute offset `pos` and writes `value` there (the stream is
 // left behind the value). Returns -1 when the seek fails (nothing added), else
 // the status after adding the write's result.

@@ -9,6 +9,7 @@
 #include "mp4/index_update.h"
 
 #include <algorithm>
+#include <initializer_list>
 #include <span>
 #include <vector>
 
@@ -21,29 +22,27 @@ using box::Sink;
 
 namespace {
 
-// Seeks to `pos`; logs under `name` when the seek fails.
-bool seek_to(const char *name, FILE *file, uint32_t pos, int whence = SEEK_SET) {
-  if (mp4_fseek(file, static_cast<int>(pos), whence) == 0) return true;
-  MP4_LOG_AS(name, kLogError, kModRecorder, "mp4 write index : mp4_fseek error\n");
-  return false;
+using box::Run;
+
+// Every patch of the index is one positional write of a run gathered in
+// memory: no seek, no stream flush, and the stream stays where the media
+// goes on. A write the card refused stops the file's index (nothing more
+// that readers see is written into it); the step it belongs to says so.
+// 0, or -1 when the write failed; put_run returns the status or -1.
+int32_t index_put(Sink &s, mp4_handle *h, const Run &run) {
+  if (box::put_at(s, run) == 0) return 0;
+  h->indexState |= kIndexStopped;
+  return -1;
+}
+int32_t put_run(Sink &s, mp4_handle *h, const Run &run) {
+  return index_put(s, h, run) == 0 ? s.status() : -1;
 }
 
-// The current position; logs under `name` (as a failed seek) when unreadable.
-bool tell_at(const char *name, FILE *file, uint32_t &pos) {
-  const int32_t p = mp4_ftell(file);
-  if (p >= 0) {
-    pos = static_cast<uint32_t>(p);
-    return true;
-  }
-  MP4_LOG_AS(name, kLogError, kModRecorder, "mp4 write index : mp4_fseek error\n");
-  return false;
-}
-
-int32_t patch_word(const char *name, FILE *file, mp4_handle *h, uint32_t pos, uint32_t value) {
-  if (!seek_to(name, file, pos)) return -1;
+int32_t patch_word(FILE *file, mp4_handle *h, uint32_t pos, uint32_t value) {
   Sink s{file, h->writeStatus};
-  s.u32(value);
-  return s.status();
+  Run run(pos);
+  run.u32(value);
+  return put_run(s, h, run);
 }
 
 // A batch of nodes from head to tail (inclusive), linked through next.
@@ -79,58 +78,57 @@ uint32_t entries_of(const uint32_t *table, int count_slot, int next_slot, uint32
 // table delta; `written`, when given, adds up the real deltas written. The
 // count is written later.
 template <typename Node, typename Delta>
-int32_t enter_stts(const char *name, Sink &s, uint32_t *table, int next_slot, Batch<Node> batch,
+int32_t enter_stts(Sink &s, mp4_handle *h, uint32_t *table, int next_slot, Batch<Node> batch,
                    uint32_t &last_ts, Delta &&delta, uint32_t provisional,
                    uint32_t *written = nullptr) {
-  FILE *file = s.file();
-  if (!seek_to(name, file, table[next_slot] - 8)) return -1;
-  bool ok = true;
+  Run run(table[next_slot] - 8);
   batch.each([&](const Node &n) {
-    if (!ok) return;
     if (last_ts != kUnknownTs) {
       const uint32_t d = delta(n.timeStamp, last_ts);
-      s.u32(1);
-      s.u32(d);
+      run.u32(1);
+      run.u32(d);
       if (written != nullptr) *written += d;
-    } else if (!seek_to(name, file, 8, SEEK_CUR)) {
-      ok = false;  // the very first sample: its entry is written by the next one
+    } else {
+      run.skip(8);  // the track's very first sample (first in its batch): the next one writes it
     }
     last_ts = n.timeStamp;
   });
-  if (!ok) return -1;
-  s.u32(1);
-  s.u32(provisional);
-  return tell_at(name, file, table[next_slot]) ? s.status() : -1;
+  run.u32(1);
+  run.u32(provisional);
+  table[next_slot] = run.end();
+  return put_run(s, h, run);
 }
 
 // One stsc entry per batch: (chunk number, samples in the batch, 1).
-int32_t enter_stsc(const char *name, Sink &s, uint32_t *table, int counter_slot, int next_slot,
+int32_t enter_stsc(Sink &s, mp4_handle *h, uint32_t *table, int counter_slot, int next_slot,
                    uint32_t samples) {
-  const uint32_t chunk = ++table[counter_slot];
-  if (!seek_to(name, s.file(), table[next_slot])) return -1;
-  s.u32(chunk);
-  s.u32(samples);
-  s.u32(1);
-  return tell_at(name, s.file(), table[next_slot]) ? s.status() : -1;
+  Run run(table[next_slot]);
+  run.u32(++table[counter_slot]);
+  run.u32(samples);
+  run.u32(1);
+  table[next_slot] = run.end();
+  return put_run(s, h, run);
 }
 
 // One stco entry per batch: the batch's start in the file.
-int32_t enter_stco(const char *name, Sink &s, mp4_handle *h, uint32_t *table, int next_slot,
-                   uint32_t *chunk_offset, uint32_t batch_bytes) {
+int32_t enter_stco(Sink &s, mp4_handle *h, uint32_t *table, int next_slot, uint32_t *chunk_offset,
+                   uint32_t batch_bytes) {
   const uint32_t offset = h->updatePos->dataPos;
   h->updatePos->dataPos += batch_bytes;
   *chunk_offset = offset;
-  if (!seek_to(name, s.file(), table[next_slot])) return -1;
-  s.u32(offset);
-  return tell_at(name, s.file(), table[next_slot]) ? s.status() : -1;
+  Run run(table[next_slot]);
+  run.u32(offset);
+  table[next_slot] = run.end();
+  return put_run(s, h, run);
 }
 
 // One size per sample.
 template <typename Node>
-int32_t enter_stsz(const char *name, Sink &s, uint32_t *table, int next_slot, Batch<Node> batch) {
-  if (!seek_to(name, s.file(), table[next_slot])) return -1;
-  batch.each([&](const Node &n) { s.u32(n.size); });
-  return tell_at(name, s.file(), table[next_slot]) ? s.status() : -1;
+int32_t enter_stsz(Sink &s, mp4_handle *h, uint32_t *table, int next_slot, Batch<Node> batch) {
+  Run run(table[next_slot]);
+  batch.each([&](const Node &n) { run.u32(n.size); });
+  table[next_slot] = run.end();
+  return put_run(s, h, run);
 }
 
 // ---- video tables -----------------------------------------------------------
@@ -139,7 +137,7 @@ int32_t mp4_write_stts_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vp
                                          VideoBatch batch) {
   Sink s{file, h->writeStatus};
   return enter_stts(
-      __func__, s, vpos, kVSttsNext, batch, h->updatePos->lastVideoTs,
+      s, h, vpos, kVSttsNext, batch, h->updatePos->lastVideoTs,
       [](uint32_t ts, uint32_t last) { return ts - last; }, kDurationPadMs);
 }
 
@@ -150,18 +148,19 @@ int32_t mp4_write_stss_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vp
     return -1;
   }
   Sink s{file, h->writeStatus};
-  if (!seek_to(__func__, file, vpos[kVStssNext])) return -1;
+  Run run(vpos[kVStssNext]);
   batch.each([&](const videoNode &n) {
     ++h->videoSampleNumber;
-    if (n.type == 1) s.u32(h->videoSampleNumber);
+    if (n.type == 1) run.u32(h->videoSampleNumber);
   });
-  return tell_at(__func__, file, vpos[kVStssNext]) ? s.status() : -1;
+  vpos[kVStssNext] = run.end();
+  return put_run(s, h, run);
 }
 
 int32_t mp4_write_stsc_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vpos,
                                          uint32_t samples) {
   Sink s{file, h->writeStatus};
-  return enter_stsc(__func__, s, vpos, kVChunkCounter, kVStscNext, samples);
+  return enter_stsc(s, h, vpos, kVChunkCounter, kVStscNext, samples);
 }
 
 int32_t mp4_write_stsz_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vpos,
@@ -171,13 +170,13 @@ int32_t mp4_write_stsz_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vp
     return -1;
   }
   Sink s{file, h->writeStatus};
-  return enter_stsz(__func__, s, vpos, kVStszNext, batch);
+  return enter_stsz(s, h, vpos, kVStszNext, batch);
 }
 
 int32_t mp4_write_stco_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vpos,
                                          uint32_t batch_bytes) {
   Sink s{file, h->writeStatus};
-  return enter_stco(__func__, s, h, vpos, kVStcoNext, &vpos[kVChunkOffset], batch_bytes);
+  return enter_stco(s, h, vpos, kVStcoNext, &vpos[kVChunkOffset], batch_bytes);
 }
 
 // ---- audio tables -----------------------------------------------------------
@@ -192,7 +191,7 @@ int32_t mp4_write_stts_tag_2_update_buffer(FILE *file, mp4_handle *h, uint32_t *
   if (h->audioTimeStamps != 1) return s.status();
   const uint32_t rate = h->sampleRate;
   return enter_stts(
-      __func__, s, apos, kASttsNext, batch, h->updatePos->lastAudioTs,
+      s, h, apos, kASttsNext, batch, h->updatePos->lastAudioTs,
       [rate](uint32_t ts, uint32_t last) { return (ts - last) * rate / 1000; },
       rate * kDurationPadMs / 1000, &apos[kASttsDuration]);
 }
@@ -200,19 +199,19 @@ int32_t mp4_write_stts_tag_2_update_buffer(FILE *file, mp4_handle *h, uint32_t *
 int32_t mp4_write_stsc_tag_2_update_buffer(FILE *file, mp4_handle *h, uint32_t *apos,
                                            uint32_t samples) {
   Sink s{file, h->writeStatus};
-  return enter_stsc(__func__, s, apos, kAChunkCounter, kAStscNext, samples);
+  return enter_stsc(s, h, apos, kAChunkCounter, kAStscNext, samples);
 }
 
 int32_t mp4_write_stsz_tag_2_update_buffer(FILE *file, mp4_handle *h, uint32_t *apos,
                                            AudioBatch batch) {
   Sink s{file, h->writeStatus};
-  return enter_stsz(__func__, s, apos, kAStszNext, batch);
+  return enter_stsz(s, h, apos, kAStszNext, batch);
 }
 
 int32_t mp4_write_stco_tag_2_update_buffer(FILE *file, mp4_handle *h, uint32_t *apos,
                                            uint32_t batch_bytes) {
   Sink s{file, h->writeStatus};
-  return enter_stco(__func__, s, h, apos, kAStcoNext, &apos[kAChunkOffset], batch_bytes);
+  return enter_stco(s, h, apos, kAStcoNext, &apos[kAChunkOffset], batch_bytes);
 }
 
 // ---- the two tracks -------------------------------------------------------
@@ -235,11 +234,15 @@ void raise_max_duration(mp4_handle *h, uint32_t d) {
     if (h->writeStatus != 0) MP4_LOG_AS(kUpdateName, kLogError, kModRecorder, message); \
   } while (0)
 
-// Seeks to a word that readers see, unless a write of the file has failed.
-bool seek_visible(Sink &s, mp4_handle *h, const char *name, uint32_t pos) {
-  if (!index_stopped(h) && seek_to(name, s.file(), pos)) return true;
-  s.add(-1);
-  return false;
+// Writes words that readers see, unless a write of the file has failed.
+void put_visible(Sink &s, mp4_handle *h, uint32_t pos, std::initializer_list<uint32_t> words) {
+  if (index_stopped(h)) {
+    s.add(-1);
+    return;
+  }
+  Run run(pos);
+  for (const uint32_t w : words) run.u32(w);
+  put_run(s, h, run);
 }
 
 void enter_video(Sink &s, mp4_handle *h, VideoBatch batch, uint32_t batch_bytes, ChunkCounts &c) {
@@ -290,34 +293,24 @@ void enter_audio(Sink &s, mp4_handle *h, AudioBatch batch, uint32_t batch_bytes,
 }
 
 // One count word: the table's count field in its track's position table,
-// written under the table updater's name and logged with its message.
+// logged with its message when it fails.
 struct CountWord {
-  const char *name;
   int slot;
   const char *message;
 };
-constexpr CountWord kVideoStts{"mp4_write_stts_tag_update_buffer", kVSttsCount,
-                               "mp4 write index : write video stts error\n"};
-constexpr CountWord kVideoStsz{"mp4_write_stsz_tag_update_buffer", kVStszCount,
-                               "mp4 write index : write video stsz error\n"};
-constexpr CountWord kVideoStco{"mp4_write_stco_tag_update_buffer", kVStcoCount,
-                               "mp4 write index : write video stco error\n"};
-constexpr CountWord kVideoStss{"mp4_write_stss_tag_update_buffer", kVStssCount,
-                               "mp4 write index : write video stss error\n"};
-constexpr CountWord kVideoStsc{"mp4_write_stsc_tag_update_buffer", kVStscCount,
-                               "mp4 write index : write video stsc error\n"};
-constexpr CountWord kAudioStts{"mp4_write_stts_tag_2_update_buffer", kASttsCount,
-                               "mp4 write index : write audio stts error\n"};
-constexpr CountWord kAudioStsz{"mp4_write_stsz_tag_2_update_buffer", kAStszCount,
-                               "mp4 write index : write audio stsz error\n"};
-constexpr CountWord kAudioStco{"mp4_write_stco_tag_2_update_buffer", kAStcoCount,
-                               "mp4 write index : write audio stco error\n"};
-constexpr CountWord kAudioStsc{"mp4_write_stsc_tag_2_update_buffer", kAStscCount,
-                               "mp4 write index : write audio stsc error\n"};
+constexpr CountWord kVideoStts{kVSttsCount, "mp4 write index : write video stts error\n"};
+constexpr CountWord kVideoStsz{kVStszCount, "mp4 write index : write video stsz error\n"};
+constexpr CountWord kVideoStco{kVStcoCount, "mp4 write index : write video stco error\n"};
+constexpr CountWord kVideoStss{kVStssCount, "mp4 write index : write video stss error\n"};
+constexpr CountWord kVideoStsc{kVStscCount, "mp4 write index : write video stsc error\n"};
+constexpr CountWord kAudioStts{kASttsCount, "mp4 write index : write audio stts error\n"};
+constexpr CountWord kAudioStsz{kAStszCount, "mp4 write index : write audio stsz error\n"};
+constexpr CountWord kAudioStco{kAStcoCount, "mp4 write index : write audio stco error\n"};
+constexpr CountWord kAudioStsc{kAStscCount, "mp4 write index : write audio stsc error\n"};
 
 void write_word(Sink &s, mp4_handle *h, const CountWord &w, const ChunkCounts &c, uint32_t value) {
   const uint32_t *table = c.track == 1 ? h->updatePos->videoPos : h->updatePos->audioPos;
-  INDEX_STEP(patch_word(w.name, s.file(), h, table[w.slot], value), w.message);
+  INDEX_STEP(patch_word(s.file(), h, table[w.slot], value), w.message);
 }
 
 // Durations first: an edit list that ended before the newest samples would
@@ -340,12 +333,12 @@ void write_durations(Sink &s, mp4_handle *h, const ChunkCounts &c) {
     INDEX_STEP(mp4_write_mdhd_tag_2_update(file, h, apos, c.media_duration),
                "mp4 write index : write audio mdhd error\n");
   }
-  if (seek_visible(s, h, kUpdateName, h->updatePos->mvhdDurationPos)) s.u32(c.movie_duration);
+  put_visible(s, h, h->updatePos->mvhdDurationPos, {c.movie_duration});
 }
 
 void write_samples(Sink &s, mp4_handle *h, const ChunkCounts &c) {
   // mdat covers the chunk's bytes before any table points at them.
-  if (seek_visible(s, h, kUpdateName, h->mdatPos)) s.u32(c.data_end - h->mdatPos);
+  put_visible(s, h, h->mdatPos, {c.data_end - h->mdatPos});
   write_durations(s, h, c);
   if (c.track == 1) {
     write_word(s, h, kVideoStts, c, c.times);
@@ -356,10 +349,7 @@ void write_samples(Sink &s, mp4_handle *h, const ChunkCounts &c) {
     write_word(s, h, kAudioStts, c, c.times);
   } else {
     // One entry for all frames; its count follows the frames in the file.
-    if (seek_visible(s, h, kAudioStts.name, h->updatePos->audioPos[kASttsCount] + 4)) {
-      s.u32(c.times);
-      s.u32(h->audioFrameSamples);
-    }
+    put_visible(s, h, h->updatePos->audioPos[kASttsCount] + 4, {c.times, h->audioFrameSamples});
     if (h->writeStatus != 0) MP4_LOG_AS(kUpdateName, kLogError, kModRecorder, kAudioStts.message);
   }
   write_word(s, h, kAudioStsz, c, c.samples);
@@ -380,19 +370,19 @@ void write_runs(Sink &s, mp4_handle *h, const ChunkCounts &c) {
 }  // namespace
 
 int32_t mp4_write_tkhd_tag_update(FILE *file, mp4_handle *h, uint32_t *vpos, uint32_t duration) {
-  return patch_word(__func__, file, h, vpos[kVTkhdDuration], duration);
+  return patch_word(file, h, vpos[kVTkhdDuration], duration);
 }
 int32_t mp4_write_edts_tag_update(FILE *file, mp4_handle *h, uint32_t *vpos, uint32_t duration) {
-  return patch_word(__func__, file, h, vpos[kVElstDuration], duration);
+  return patch_word(file, h, vpos[kVElstDuration], duration);
 }
 int32_t mp4_write_mdhd_tag_update(FILE *file, mp4_handle *h, uint32_t *vpos, uint32_t duration) {
-  return patch_word(__func__, file, h, vpos[kVMdhdDuration], duration);
+  return patch_word(file, h, vpos[kVMdhdDuration], duration);
 }
 int32_t mp4_write_trak_tag_2_update(FILE *file, mp4_handle *h, uint32_t *apos, uint32_t duration) {
-  return patch_word(__func__, file, h, apos[kATkhdDuration], duration);
+  return patch_word(file, h, apos[kATkhdDuration], duration);
 }
 int32_t mp4_write_mdhd_tag_2_update(FILE *file, mp4_handle *h, uint32_t *apos, uint32_t duration) {
-  return patch_word(__func__, file, h, apos[kAMdhdDuration], duration);
+  return patch_word(file, h, apos[kAMdhdDuration], duration);
 }
 
 int32_t mp4_write_stsd_tag_update(FILE *file, mp4_handle *h, uint32_t *vpos) {
@@ -429,30 +419,28 @@ int32_t mp4_write_stsd_tag_update(FILE *file, mp4_handle *h, uint32_t *vpos) {
   const size_t old_layout = 8 + empty_config(extra(h).videoCodec).size() + 8;
   const size_t first = std::min(image.size(), old_layout);
   Sink s{file, h->writeStatus};
-  if (image.size() > first) {
-    if (!seek_to(__func__, file, vpos[kVAvcC] + static_cast<uint32_t>(first))) return -1;
-    s.bytes(std::span(image).subspan(first));
-  }
-  if (!seek_to(__func__, file, vpos[kVAvcC])) return -1;
-  s.bytes(std::span(image).first(first));
+  Run inside(vpos[kVAvcC] + static_cast<uint32_t>(first));
+  inside.bytes(std::span(image).subspan(first));
+  if (put_run(s, h, inside) < 0) return -1;
+  Run over(vpos[kVAvcC]);
+  over.bytes(std::span(image).first(first));
+  if (put_run(s, h, over) < 0) return -1;
   vpos[kVAvcCDataEnd] = vpos[kVAvcCDataPos] + content;
   return s.status();
 }
 
 bool patch_mvhd_duration(FILE *file, mp4_handle *h) {
-  if (mp4_fseek(file, static_cast<int>(h->updatePos->mvhdDurationPos), SEEK_SET) != 0) {
-    return false;
-  }
   Sink s{file, h->writeStatus};
-  s.u32(h->maxDuration);
-  return true;
+  Run run(h->updatePos->mvhdDurationPos);
+  run.u32(h->maxDuration);
+  return index_put(s, h, run) == 0;
 }
 
 bool patch_mdat_size(FILE *file, mp4_handle *h) {
-  if (mp4_fseek(file, static_cast<int>(h->mdatPos), SEEK_SET) != 0) return false;
   Sink s{file, h->writeStatus};
-  s.u32(relaxed(h->mediaBytes) + 8);
-  return true;
+  Run run(h->mdatPos);
+  run.u32(relaxed(h->mediaBytes) + 8);
+  return index_put(s, h, run) == 0;
 }
 
 int32_t index_enter_chunk(FILE *file, mp4_handle *h, int track, void *head, void *tail,
@@ -500,9 +488,10 @@ int32_t index_reveal_track(FILE *file, mp4_handle *h, int track) {
   const uint32_t trak =
       track == 1 ? h->updatePos->videoPos[kVTrak] : h->updatePos->audioPos[kATrak];
   Sink s{file, h->writeStatus};
-  if (!seek_visible(s, h, kUpdateName, trak + 4)) return s.status();
-  s.tag("trak");
-  h->indexState &= ~bit;
+  if (index_stopped(h)) return s.add(-1);
+  Run run(trak + 4);
+  run.tag("trak");
+  if (index_put(s, h, run) == 0) h->indexState &= ~bit;
   return s.status();
 }
 
@@ -524,11 +513,7 @@ extern "C" int mp4_write_moov_update_buffer(int track, void *head, void *tail, m
   }
   FILE *file = handle->file;
   Sink s{file, handle->writeStatus};
-  const int32_t resume = mp4_ftell(file);
-  if (resume < 0) {
-    MP4_ERR("mp4 write index : mp4_fseek error\n");
-    return -1;
-  }
+  // Every patch is a positional write: the stream stays where the media goes on.
   if (track == 1 || track == 2) {
     // One chunk, its steps back to back: after every single write the file is
     // a valid MP4 whose index describes only bytes already written.
@@ -540,10 +525,6 @@ extern "C" int mp4_write_moov_update_buffer(int track, void *head, void *tail, m
   } else if (!patch_mdat_size(file, handle) || !patch_mvhd_duration(file, handle)) {
     MP4_ERR("mp4 write index : mp4_fseek error\n");
     s.add(-1);
-  }
-  if (mp4_fseek(file, resume, SEEK_SET) != 0) {
-    MP4_ERR("mp4 write index : mp4_fseek error\n");
-    return -1;
   }
   return handle->writeStatus;
 }

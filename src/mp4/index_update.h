@@ -2,12 +2,13 @@
 // (mp4_write_moov_update_buffer), the ordered commit of the data buffer's
 // durable mode and the per-sample update.
 //
-// Each takes the file, the handle and the track's position table, seeks to a
-// recorded position and writes there. It returns the handle's writeStatus after
-// adding its writes' results, or -1 when a seek fails (after logging
-// "mp4 write index : mp4_fseek error\n" under its own name). The caller adds
-// the return into writeStatus. None of them restores the file position: the
-// caller remembers it and seeks back at the end.
+// Each takes the file, the handle and the track's position table and writes
+// at a recorded position, one positional write per run of bytes (through the
+// card seam; the stream's position does not move). It returns the handle's
+// writeStatus after adding its writes' results, or -1 when a write fails
+// (after logging "mp4 write index : mp4_fseek error\n" under its own name: the
+// write stands for the seek and write of old). A failed write stops the
+// file's index. The caller adds the return into writeStatus.
 #pragma once
 
 #include <cstdint>
@@ -36,10 +37,10 @@ int32_t mp4_write_mdhd_tag_2_update(FILE *file, mp4_handle *h, uint32_t *audioPo
 int32_t mp4_write_stsd_tag_update(FILE *file, mp4_handle *h, uint32_t *videoPos);
 
 // Writes maxDuration at the mvhd duration field (the write's result goes into
-// writeStatus). False, with nothing logged, when the seek fails; the caller
+// writeStatus). False, with nothing logged, when the write fails; the caller
 // logs under its own name.
 bool patch_mvhd_duration(FILE *file, mp4_handle *h);
-// Writes mediaBytes + 8 as the mdat size. False when the seek fails.
+// Writes mediaBytes + 8 as the mdat size. False when the write fails.
 bool patch_mdat_size(FILE *file, mp4_handle *h);
 
 // ---- entering one chunk, in the order the card must see it -------------------

@@ -29,7 +29,7 @@ struct SimCard::File {
 SimCard::SimCard(std::string suffix) : suffix_(std::move(suffix)) {
   if (g_card != nullptr) throw std::logic_error("one SimCard at a time");
   g_card = this;
-  mp4rec::card::set_hooks({&SimCard::open_hook, &SimCard::sync_hook});
+  mp4rec::card::set_hooks({&SimCard::open_hook, &SimCard::sync_hook, &SimCard::write_at_hook});
 }
 
 SimCard::~SimCard() {
@@ -137,10 +137,33 @@ int SimCard::sync_hook(FILE *stream) {
 
 ssize_t SimCard::write_cb(void *cookie, const char *buf, size_t size) {
   auto *f = static_cast<File *>(cookie);
-  return f->card->write(*f, buf, size);
+  const ssize_t n = f->card->write(*f, buf, size, f->pos);
+  if (n > 0) f->pos += static_cast<uint64_t>(n);
+  return n;
 }
 
-ssize_t SimCard::write(File &f, const char *buf, size_t size) {
+int SimCard::write_at_hook(FILE *stream, const void *data, size_t size, uint64_t offset) {
+  SimCard *card = g_card;
+  File *f = nullptr;
+  if (card != nullptr) {
+    std::lock_guard<std::mutex> lock(card->mutex_);
+    auto it = card->streams_.find(stream);
+    if (it != card->streams_.end()) f = it->second;
+  }
+  if (f == nullptr) {  // a file off the card
+    const int fd = fileno(stream);
+    return fd >= 0 &&
+                   pwrite(fd, data, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size)
+               ? 0
+               : -1;
+  }
+  if (card->write(*f, static_cast<const char *>(data), size, offset) == static_cast<ssize_t>(size))
+    return 0;
+  if (errno == 0) errno = EIO;
+  return -1;
+}
+
+ssize_t SimCard::write(File &f, const char *buf, size_t size, uint64_t at) {
   std::unique_lock<std::mutex> lock(mutex_);
   const long n = ++writes_;
   if (fault_ != Fault::kNone && n >= fault_at_) {
@@ -155,10 +178,9 @@ ssize_t SimCard::write(File &f, const char *buf, size_t size) {
       return 0;
     }
   }
-  if (pwrite(f.fd, buf, size, static_cast<off_t>(f.pos)) != static_cast<ssize_t>(size)) return 0;
-  f.log.push_back(CardEvent{false, f.pos, std::vector<uint8_t>(buf, buf + size)});
-  f.pos += size;
-  f.size = std::max(f.size, f.pos);
+  if (pwrite(f.fd, buf, size, static_cast<off_t>(at)) != static_cast<ssize_t>(size)) return 0;
+  f.log.push_back(CardEvent{false, at, std::vector<uint8_t>(buf, buf + size)});
+  f.size = std::max(f.size, at + size);
   return static_cast<ssize_t>(size);
 }
 

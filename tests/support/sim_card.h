@@ -1,10 +1,10 @@
 // A simulated memory card for the library's recordings. While a SimCard lives,
 // every file the library opens whose path ends in the chosen suffix goes through
 // it: the bytes land in the real file at that path (so tools can read it at any
-// moment), every write the process issues is logged with its offset, syncs are
-// logged, and a chosen write can fail once, fail from then on (a full card), or
-// block until released. The stream is buffered like a regular file, so the log
-// holds the writes a real process would issue.
+// moment), every write the process issues (positional ones included) is logged
+// with its offset, syncs are logged, and a chosen write can fail once, fail
+// from then on (a full card), or block until released. The stream is buffered like a regular file,
+// so the log holds the writes a real process would issue.
 #pragma once
 
 #include <cerrno>
@@ -55,11 +55,12 @@ class SimCard {
   struct File;
   static FILE *open_hook(const char *path, const char *mode);
   static int sync_hook(FILE *file);
+  static int write_at_hook(FILE *file, const void *data, size_t size, uint64_t offset);
   static ssize_t write_cb(void *cookie, const char *buf, size_t size);
   static ssize_t read_cb(void *cookie, char *buf, size_t size);
   static int seek_cb(void *cookie, off64_t *offset, int whence);
   static int close_cb(void *cookie);
-  ssize_t write(File &f, const char *buf, size_t size);
+  ssize_t write(File &f, const char *buf, size_t size, uint64_t at);
 
   std::string suffix_;
   mutable std::mutex mutex_;

@@ -62,12 +62,18 @@ void step(box::Sink &s, Fn &&fn) {
 // Writes `words` at a table's next free entry and moves the entry on. Its
 // count is raised afterwards (write_table_count), once the entries of every
 // table are in place.
+// Each patch is one positional write (see box::Run).
+int32_t put_words(box::Sink &s, uint32_t pos, std::initializer_list<uint32_t> words) {
+  box::Run run(pos);
+  for (uint32_t w : words) run.u32(w);
+  return box::put_at(s, run) == 0 ? s.status() : -1;
+}
+
 int32_t append_words(box::Sink &s, uint32_t *table, int next_slot,
                      std::initializer_list<uint32_t> words) {
-  if (mp4_fseek(s.file(), static_cast<int>(table[next_slot]), SEEK_SET) != 0) return -1;
-  for (uint32_t w : words) s.u32(w);
+  const uint32_t at = table[next_slot];
   table[next_slot] += 4 * static_cast<uint32_t>(words.size());
-  return s.status();
+  return put_words(s, at, words);
 }
 
 // Writes a table's count: recomputed from its next free entry (entries of
@@ -77,18 +83,14 @@ int32_t write_table_count(box::Sink &s, const uint32_t *table, int count_slot, i
   const uint32_t count = fixed_count != nullptr
                              ? *fixed_count
                              : (table[next_slot] - table[count_slot] - 4) / 4 / entry_words;
-  if (mp4_fseek(s.file(), static_cast<int>(table[count_slot]), SEEK_SET) != 0) return -1;
-  s.u32(count);
-  return s.status();
+  return put_words(s, table[count_slot], {count});
 }
 
 // Every sample is its own chunk: stsc becomes the single run (1, 1, 1). The
 // reserved table's count (one entry per possible chunk, all starting at
 // chunk 1) would contradict stco's.
 int32_t one_sample_per_chunk(box::Sink &s, uint32_t count_pos) {
-  if (mp4_fseek(s.file(), static_cast<int>(count_pos), SEEK_SET) != 0) return -1;
-  for (uint32_t w : {1u, 1u, 1u, 1u}) s.u32(w);  // count, then the entry
-  return s.status();
+  return put_words(s, count_pos, {1u, 1u, 1u, 1u});  // count, then the entry
 }
 
 void raise_max_duration(mp4_handle &h, uint32_t d) {
@@ -159,12 +161,7 @@ void update_audio_frame(box::Sink &s, mp4_handle &h, uint32_t value, uint32_t fr
   step(s, [&] { return mp4_write_trak_tag_2_update(file, &h, a, d); });
   step(s, [&] { return mp4_write_mdhd_tag_2_update(file, &h, a, samples_duration); });
   if (!stamped) {
-    step(s, [&] {
-      if (mp4_fseek(file, static_cast<int>(a[kASttsCount] + 4), SEEK_SET) != 0) return -1;
-      s.u32(frames);
-      s.u32(h.audioFrameSamples);
-      return s.status();
-    });
+    step(s, [&] { return put_words(s, a[kASttsCount] + 4, {frames, h.audioFrameSamples}); });
   } else {
     step(s, [&] { return write_table_count(s, a, kASttsCount, kASttsNext, 2); });
   }
@@ -209,8 +206,7 @@ extern "C" int mp4_write_moov_update(int kind, int value, videoNode *node, mp4_h
     return -1;
   }
   FILE *file = h->file;
-  const int resume = mp4_ftell(file);
-  if (resume < 0 || !patch_mdat_size(file, h)) {
+  if (!patch_mdat_size(file, h)) {
     std::printf("mp4_fseek error");
     return -1;
   }
@@ -223,7 +219,6 @@ extern "C" int mp4_write_moov_update(int kind, int value, videoNode *node, mp4_h
   step(s, [&] { return patch_mvhd_duration(file, h) ? s.status() : -1; });
   // A track's first sample makes its trak appear.
   if (kind == 1 || kind == 2) step(s, [&] { return index_reveal_track(file, h, kind); });
-  s.add(mp4_fseek(file, resume, SEEK_SET));
   return h->writeStatus;
 }
 
