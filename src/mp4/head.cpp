@@ -431,8 +431,11 @@ mp4_handle *write_head_index(const char *name, uint32_t codec, const char *mp4_p
     discard(h->file, mp4_path);
     return nullptr;
   }
-  h->mp2Encoder = MP2_encode_init(static_cast<int>(h->sampleRate), 24000, 1);
-  if (h->mp2Encoder == nullptr) {
+  // The MP2 encoder is opened for the MPEG audio formats only: an AAC
+  // recording never touches it, and its codec's pages stay out of the
+  // process.
+  if (audio_format != 3) h->mp2Encoder = MP2_encode_init(static_cast<int>(h->sampleRate), 24000, 1);
+  if (audio_format != 3 && h->mp2Encoder == nullptr) {
     HEAD_ERR("mp4 open write head : mp2 encoder init error!\n");
     discard(h->file, mp4_path);
     discard(h->mp2File, mp2_tmp_path);
