@@ -207,6 +207,7 @@ int mp4_write_data_buffer_init(mp4_data_buffer *data, FILE *video_file, FILE *au
   data->audio_file = audio_file;
   data->buffer_status.store(kBufferOk, std::memory_order_relaxed);
   data->write_queue = nullptr;
+  data->wake_pending = 0;
   data->record_time_arg = nullptr;
   data->record_time_cb = nullptr;
   durability_discard(data->durability);  // chunks of an abandoned file

@@ -3,9 +3,10 @@
 // the two locks and the condition variable of the hand-over.
 //
 // Lock order is signal_lock, then queue_lock; only the writer thread ever holds
-// both. The writer thread holds signal_lock for as long as it is draining, so a
-// producer that signals after handing over a node waits until the writer is idle
-// again: that is the buffer's flow control.
+// both. The writer thread holds signal_lock for as long as it is draining. A
+// producer signals only when no wake-up is pending (wake_pending), so a frame
+// call never waits for the writer's card writes: it waits only when no node is
+// free, until the writer gives one back. That is the buffer's flow control.
 #pragma once
 
 #include <pthread.h>
@@ -88,6 +89,11 @@ struct mp4_data_buffer {
   std::atomic<int32_t> grown_nodes;
   // How the index of this buffer's files reaches the card (mp4_set_durability).
   mp4rec::Durability durability;
+  // Set (under queue_lock) by the producer that hands over a node and wakes
+  // the writer, cleared by the writer when it finds the write queue empty:
+  // while it is set, the writer will look at the queue again, so the next
+  // producer hands over without waiting for the writer to be idle.
+  int32_t wake_pending;
 };
 
 static_assert(sizeof(std::atomic<int32_t>) == sizeof(int32_t));
@@ -123,7 +129,7 @@ class MutexLock {
 // and finds the new node when it comes back.
 void wake_writer(mp4_data_buffer *data);
 
-// Pushes a node at the tail of the write queue under queue_lock.
+// Pushes a node at the tail of the write queue under queue_lock (no wake-up).
 void push_to_write_queue(mp4_data_buffer *data, mp4_buffer_node *node);
 
 // Unlinks the head of a media queue under queue_lock; the node's next is cleared.

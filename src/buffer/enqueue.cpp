@@ -45,11 +45,18 @@ int32_t status_of(mp4_data_buffer *data) {
   return data->buffer_status.load(std::memory_order_relaxed);
 }
 
-// Hands a full node to the writer thread: onto the write queue, then the wake-up,
-// which waits until the writer is idle.
+// Hands a full node to the writer thread: onto the write queue, then the
+// wake-up unless one is pending already (the writer then finds the node when
+// it looks at the queue again, without the producer waiting for it).
 void hand_over(mp4_data_buffer *data, mp4_buffer_node *node) {
-  push_to_write_queue(data, node);
-  wake_writer(data);
+  bool wake = false;
+  {
+    MutexLock lock(data->queue_lock);
+    DataBuffer_QueuePush(&data->write_queue, node);
+    wake = data->wake_pending == 0;
+    data->wake_pending = 1;
+  }
+  if (wake) wake_writer(data);
 }
 
 // The frame went into no node: -2 after a card error, else -4 (no node in time).

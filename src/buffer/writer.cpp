@@ -37,7 +37,10 @@ void recycle(mp4_data_buffer *data, mp4_buffer_node *node) {
 void drain(mp4_data_buffer *data) {
   for (;;) {
     mp4_buffer_node *node = data->write_queue;
-    if (node == nullptr) return;
+    if (node == nullptr) {
+      data->wake_pending = 0;  // the next node handed over wakes the writer again
+      return;
+    }
     if (data->buffer_status.load(std::memory_order_relaxed) != kBufferOk) return;
     const bool video = node->media_type == kMediaVideo;
     FILE *file = video ? data->video_file : data->audio_file;
