@@ -70,7 +70,7 @@ class Mp4recBackend final : public Backend {
       sleep_until_ns(mono_ns() + 1000000);
     if (r != 0 || !handler_) throw std::runtime_error("mp4_write_open failed");
     head_cpu_ = process_cpu_ns() - cpu0;
-    // open_first looks for the file once a second; the head itself is the CPU figure.
+    // From the request to the open file: the head, and the hand-over of the file.
     head_wall_ = mono_ns() - t0;
   }
 

@@ -344,6 +344,16 @@ int record(int argc, char **argv) {
         b->name.c_str(), scpu * 1e3, swall * 1e3, (cpu + scpu) * 1e3 / mb,
         have_floor ? (cpu + scpu) / floor_cpu : 0.0);
   }
+  // The close: what a back end still does once the last frame is handed over.
+  {
+    std::string line;
+    for (const BackendInfo *b : chosen) {
+      if (results[b->name].empty() || b->name == "baseline") continue;
+      const double close = med(b->name, [](const RunResult &r) { return r.close_wall_s; });
+      line += fmt("%s%s %.2f", line.empty() ? "" : ", ", b->name.c_str(), close * 1e3);
+    }
+    if (!line.empty()) std::printf("\nClose (trailer, last writes), wall ms: %s.\n", line.c_str());
+  }
   // Syncs: how often a back end waits for the card.
   for (const BackendInfo *b : chosen) {
     const auto &rs = results[b->name];
