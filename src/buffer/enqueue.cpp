@@ -213,10 +213,12 @@ mp4_buffer_node *DataBuffer_QueueTop(mp4_data_buffer *data, int media_type) {
     return nullptr;
   }
   // The writer thread announces every node it gives back (and a card error):
-  // the wait ends as soon as a node is free, or after the patience.
-  const int64_t deadline = monotonic_ms() + kQueueTopPatienceMs;
+  // the wait ends as soon as a node is free, or after the patience. The count
+  // is taken before each look that may be followed by a wait, so no
+  // announcement is missed; a look that finds a node costs neither.
+  int64_t deadline = 0;
+  uint64_t seen = 0;
   for (;;) {
-    const uint64_t seen = data->progress.seen();
     mp4_buffer_node *head = nullptr;
     bool io_error = false;
     {
@@ -229,8 +231,13 @@ mp4_buffer_node *DataBuffer_QueueTop(mp4_data_buffer *data, int media_type) {
       return nullptr;
     }
     if (head != nullptr) return head;
-    if (monotonic_ms() >= deadline) break;
-    data->progress.wait(seen, deadline);
+    if (deadline == 0) {
+      deadline = monotonic_ms() + kQueueTopPatienceMs;
+    } else {
+      if (monotonic_ms() >= deadline) break;
+      data->progress.wait(seen, deadline);
+    }
+    seen = data->progress.seen();
   }
   MP4_ERR(" out of time\n");
   return nullptr;
