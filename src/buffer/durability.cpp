@@ -71,12 +71,19 @@ class Commit {
     const bool hidden[3] = {false, track_hidden(h_, 1), track_hidden(h_, 2)};
     std::vector<ChunkCounts> counts(d_.pending.size());
     uint32_t data_end = 0;
-    for (size_t i = 0; i < d_.pending.size(); ++i) {
-      const PendingChunk &p = d_.pending[i];
+    {
+      // The entries of all the chunks, one write per table and track.
+      EntryGather gather(h_);
+      for (size_t i = 0; i < d_.pending.size(); ++i) {
+        const PendingChunk &p = d_.pending[i];
+        const int32_t before = h_->writeStatus;
+        index_enter_chunk(file, h_, p.track, p.head, p.tail, p.bytes, counts[i]);
+        if (h_->writeStatus != 0 && before == 0) log_index_error(p.track);
+        data_end = std::max(data_end, counts[i].data_end);
+      }
       const int32_t before = h_->writeStatus;
-      index_enter_chunk(file, h_, p.track, p.head, p.tail, p.bytes, counts[i]);
-      if (h_->writeStatus != 0 && before == 0) log_index_error(p.track);
-      data_end = std::max(data_end, counts[i].data_end);
+      const int refused = gather.flush();
+      if (refused != 0 && before == 0) log_index_error(refused);
     }
     // The mdat covers every byte synced with the entries, whichever chunk's
     // counts land first.

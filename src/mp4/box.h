@@ -134,6 +134,8 @@ class Run {
   }
   // Moves the start on by `n` bytes; only while nothing is gathered.
   void skip(uint32_t n) { at_ += n; }
+  // Keeps the first `n` bytes gathered.
+  void truncate(uint32_t n) { bytes_.resize(n); }
   bool empty() const { return bytes_.empty(); }
   uint32_t at() const { return at_; }
   uint32_t end() const { return at_ + static_cast<uint32_t>(bytes_.size()); }

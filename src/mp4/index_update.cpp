@@ -38,6 +38,17 @@ int32_t put_run(Sink &s, mp4_handle *h, const Run &run) {
   return index_put(s, h, run) == 0 ? s.status() : -1;
 }
 
+// The gather open on this thread, if any (see EntryGather).
+thread_local EntryGather *t_gather = nullptr;
+
+// Table entries (behind their counts): kept back while a gather for the
+// handle is open, else written at once.
+int32_t put_entries(Sink &s, mp4_handle *h, const uint32_t *table, Run &run) {
+  if (t_gather == nullptr || !t_gather->keep(h, table == h->updatePos->videoPos ? 1 : 2, run))
+    return put_run(s, h, run);
+  return s.status();
+}
+
 int32_t patch_word(FILE *file, mp4_handle *h, uint32_t pos, uint32_t value) {
   Sink s{file, h->writeStatus};
   Run run(pos);
@@ -96,7 +107,7 @@ int32_t enter_stts(Sink &s, mp4_handle *h, uint32_t *table, int next_slot, Batch
   run.u32(1);
   run.u32(provisional);
   table[next_slot] = run.end();
-  return put_run(s, h, run);
+  return put_entries(s, h, table, run);
 }
 
 // One stsc entry per batch: (chunk number, samples in the batch, 1).
@@ -107,7 +118,7 @@ int32_t enter_stsc(Sink &s, mp4_handle *h, uint32_t *table, int counter_slot, in
   run.u32(samples);
   run.u32(1);
   table[next_slot] = run.end();
-  return put_run(s, h, run);
+  return put_entries(s, h, table, run);
 }
 
 // One stco entry per batch: the batch's start in the file.
@@ -119,7 +130,7 @@ int32_t enter_stco(Sink &s, mp4_handle *h, uint32_t *table, int next_slot, uint3
   Run run(table[next_slot]);
   run.u32(offset);
   table[next_slot] = run.end();
-  return put_run(s, h, run);
+  return put_entries(s, h, table, run);
 }
 
 // One size per sample.
@@ -128,7 +139,7 @@ int32_t enter_stsz(Sink &s, mp4_handle *h, uint32_t *table, int next_slot, Batch
   Run run(table[next_slot]);
   batch.each([&](const Node &n) { run.u32(n.size); });
   table[next_slot] = run.end();
-  return put_run(s, h, run);
+  return put_entries(s, h, table, run);
 }
 
 // ---- video tables -----------------------------------------------------------
@@ -154,7 +165,7 @@ int32_t mp4_write_stss_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vp
     if (n.type == 1) run.u32(h->videoSampleNumber);
   });
   vpos[kVStssNext] = run.end();
-  return put_run(s, h, run);
+  return put_entries(s, h, vpos, run);
 }
 
 int32_t mp4_write_stsc_tag_update_buffer(FILE *file, mp4_handle *h, uint32_t *vpos,
@@ -368,6 +379,41 @@ void write_runs(Sink &s, mp4_handle *h, const ChunkCounts &c) {
 #undef INDEX_STEP
 
 }  // namespace
+
+EntryGather::EntryGather(mp4_handle *h) : h_(h), outer_(t_gather) {
+  t_gather = this;
+}
+
+EntryGather::~EntryGather() {
+  flush();
+  t_gather = outer_;
+}
+
+bool EntryGather::keep(const mp4_handle *h, int track, box::Run &run) {
+  if (h != h_) return false;
+  if (run.empty()) return true;
+  for (Kept &k : kept_) {
+    // The run continues this one, or rewrites its last entries (stts).
+    if (run.at() >= k.run.at() && run.at() <= k.run.end()) {
+      k.run.truncate(run.at() - k.run.at());
+      k.run.bytes(run.data());
+      return true;
+    }
+  }
+  kept_.push_back({track, std::move(run)});
+  return true;
+}
+
+int EntryGather::flush() {
+  std::sort(kept_.begin(), kept_.end(),
+            [](const Kept &a, const Kept &b) { return a.run.at() < b.run.at(); });
+  int failed = 0;
+  Sink s{h_->file, h_->writeStatus};
+  for (const Kept &k : kept_)
+    if (put_run(s, h_, k.run) < 0 && failed == 0) failed = k.track;
+  kept_.clear();
+  return failed;
+}
 
 int32_t mp4_write_tkhd_tag_update(FILE *file, mp4_handle *h, uint32_t *vpos, uint32_t duration) {
   return patch_word(file, h, vpos[kVTkhdDuration], duration);

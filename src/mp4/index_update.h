@@ -14,6 +14,9 @@
 #include <cstdint>
 #include <cstdio>
 
+#include <vector>
+
+#include "mp4/box.h"
 #include "mp4/handle.h"
 
 namespace mp4rec {
@@ -89,6 +92,37 @@ int32_t index_reveal_track(FILE *file, mp4_handle *h, int track);
 // behind each node's bytes, is up): nothing more that readers see is written
 // into this file's index.
 bool index_stopped(mp4_handle *h);
+
+// While an EntryGather lives on a thread, the table entries that
+// index_enter_chunk writes for its handle are kept back: a run that continues
+// one kept before (or rewrites its last entries) joins it, and flush() (or the
+// end of the gather) writes them in offset order, one write per table and
+// track. The durable commit gathers the entries of all the chunks it enters:
+// they stand behind the counts and are synced before any count is raised, so
+// their order does not matter.
+class EntryGather {
+ public:
+  explicit EntryGather(mp4_handle *h);
+  ~EntryGather();
+  EntryGather(const EntryGather &) = delete;
+  EntryGather &operator=(const EntryGather &) = delete;
+
+  // Takes `run` (the entries of `track` in a table of `h`); false when the
+  // gather is not for `h`.
+  bool keep(const mp4_handle *h, int track, box::Run &run);
+  // Writes what is kept; 0, or the track whose entries the card refused
+  // first (writeStatus says it too).
+  int flush();
+
+ private:
+  struct Kept {
+    int track;
+    box::Run run;
+  };
+  mp4_handle *h_;
+  EntryGather *outer_;
+  std::vector<Kept> kept_;
+};
 
 // True while the track's trak is still typed "free".
 inline bool track_hidden(const mp4_handle *h, int track) {
