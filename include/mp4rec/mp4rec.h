@@ -58,7 +58,7 @@ typedef struct mp4_session {
 
 /* The recorder base: one per process. */
 typedef struct mp4_base {
-  mp4_session *mp4_session;
+  struct mp4_session *mp4_session; /* "struct": the bare name would clash in C++ */
 } mp4_base;
 
 /* A prepared file: video format (1 MJPEG, 2 H.264, 3 H.265) and its writer context. */
@@ -330,6 +330,17 @@ MP4REC_API extern int32_t audioTimeStampFlag;
 /* MPEG audio: sample rates (MPEG-1) and bit rates [lsf][layer-1][index] in kbit/s. */
 MP4REC_API extern const uint16_t mpa_freq_tab[3];
 MP4REC_API extern const uint16_t mpa_bitrate_tab[2][3][15];
+/* Layer II: floor(log2(i)) for 0..255 (0 for 0); half the analysis window;
+ * subbands per allocation table; steps and bits per sample (negative: three
+ * samples grouped in that many bits) of the 17 quantiser classes; the five
+ * bit-allocation tables (per subband: the field width, then the class of each
+ * non-zero allocation). */
+MP4REC_API extern const uint8_t ff_log2_tab[256];
+MP4REC_API extern const int32_t mpa_enwindow[257];
+MP4REC_API extern const int sblimit_table[5];
+MP4REC_API extern const int quant_steps[17];
+MP4REC_API extern const int quant_bits[17];
+MP4REC_API extern const unsigned char *const alloc_tables[5];
 
 #ifdef __cplusplus
 }
