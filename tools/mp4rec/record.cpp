@@ -580,262 +580,323 @@ void prepare_directory(const std::string &dir) {
   std::remove(probe.c_str());
 }
 
-}  // namespace
+// ---- one run of `mp4rec record`, step by step ----
 
-int run_record(const RecordOptions &opt_in) {
-  RecordOptions opt = opt_in;
-  const bool builtin = opt.video.empty();
-  if (builtin) {
-    if (opt.planned == 0 && opt.segment == 0) opt.planned = 10;  // the sample is five seconds long
+// Without an audio input the files get silence: the library always writes an
+// audio track, and players refuse one that has no samples at all.
+constexpr uint8_t kSilentAdts[] = {0xFF, 0xF1, 0x60, 0x40, 0x01, 0x7F,
+                                   0xFC, 0x01, 0x18, 0x20, 0x07};  // AAC LC, 16 kHz
+
+// The steps of a run: open the inputs (look at them before any file is made),
+// open the recorder (its first file), feed the frames in time-stamp order (the
+// recorder rotates to the next file as it goes), close, report.
+class RecordRun {
+ public:
+  explicit RecordRun(const RecordOptions &opt)
+      : opt_(opt),
+        builtin_(opt.video.empty()),
+        video_name_(builtin_ ? "the built-in sample"
+                             : (opt.video == "-" ? "standard input" : opt.video)),
+        audio_name_(opt.audio.empty() ? "the built-in sample's audio"
+                                      : (opt.audio == "-" ? "standard input" : opt.audio)),
+        progress_(opt.progress && isatty(STDERR_FILENO) != 0) {
+    if (builtin_ && opt_.planned == 0 && opt_.segment == 0)
+      opt_.planned = 10;  // the sample is five seconds long
   }
-  library_log().echo = opt.verbose;
-  std::signal(SIGXFSZ, SIG_IGN);  // a file size limit shows as a write error, like a full card
-  std::signal(SIGINT, on_stop_signal);
-  std::signal(SIGTERM, on_stop_signal);
-  const bool tty = isatty(STDERR_FILENO) != 0;
-  auto say = [&](const std::string &s) {
-    if (!opt.quiet) std::cout << s << std::flush;
-  };
 
-  std::optional<AccessUnitReader> h264;
-  std::optional<JpegReader> jpeg;
-  std::optional<AdtsReader> aac;
-  std::optional<PcmReader> pcm;
-  std::string video_name =
-      builtin ? "the built-in sample" : (opt.video == "-" ? "standard input" : opt.video);
-  int status = 0;
-  std::string error;
-  std::unique_ptr<Recorder> rec;
-  Progress progress(opt.progress && tty);
-  long skipped = 0;
-  bool truncated_video = false;
-  std::string truncation;
-  const std::string audio_name = opt.audio.empty()
-                                     ? "the built-in sample's audio"
-                                     : (opt.audio == "-" ? "standard input" : opt.audio);
+  void open_inputs() {
+    width_ = opt_.width, height_ = opt_.height;
+    fps_ = opt_.fps;
+    if (opt_.mjpeg) {
+      open_jpeg();
+    } else {
+      open_access_units();
+    }
+    if (fps_ <= 0) fps_ = 30;
+    open_audio();
+  }
+
+  void open_recorder() {
+    prepare_directory(opt_.out_dir);
+    const int audio_format = opt_.mjpeg ? (opt_.pcm_bits == 8 ? 1 : 2) : 3;
+    rec_ = std::make_unique<Recorder>(opt_, width_, height_, fps_, audio_format, sample_rate_);
+    rec_->start();
+    say("recording " + video_name_ + " (" + std::to_string(width_) + "x" + std::to_string(height_) +
+        ", " + std::to_string(fps_).substr(0, 5) + " fps" +
+        (silence_ ? ", silence for audio" : (opt_.mjpeg ? ", PCM audio" : ", AAC audio")) +
+        ") into " + opt_.out_dir + "\n");
+    if (skipped_)
+      say("skipped " + std::to_string(skipped_) + " pictures before the first " +
+          (opt_.hevc ? "IRAP" : "IDR") + " picture\n");
+  }
+
+  // Frames in time-stamp order, video first on a tie, until the inputs end or
+  // a signal stops the run.
+  void feed() {
+    progress_.restart();
+    const auto t0 = Clock::now();
+    const double audio_frame_ms = opt_.mjpeg ? 1152 * 1000.0 / 16000 : 1024 * 1000.0 / sample_rate_;
+    long vk = 0, ak = 0;
+    after_ = au_ ? next_video_au() : std::nullopt;
+    while (!g_stop.load()) {
+      const bool v_more = opt_.mjpeg ? next_pic_.has_value() : au_.has_value();
+      const bool a_more = next_aac_.has_value() || next_pcm_.has_value() || (silence_ && v_more);
+      if (!v_more && !a_more) break;
+      const double v_due = vk * 1000.0 / fps_;
+      const double a_due = ak * audio_frame_ms;
+      const bool take_video = v_more && (!a_more || v_due <= a_due);
+      const double due = take_video ? v_due : a_due;
+      long long ts = std::llround(due);
+      if (opt_.realtime) {
+        std::this_thread::sleep_until(t0 + std::chrono::microseconds(std::llround(due * 1000)));
+        ts = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
+      }
+      if (take_video) {
+        if (!feed_video(ts)) continue;
+        ++vk;
+      } else {
+        feed_audio(ts);
+        ++ak;
+      }
+      progress_.update(*rec_);
+    }
+    progress_.update(*rec_, true);
+    if (g_stop.load()) {
+      progress_.end();
+      say("stopped by a signal; closing the file\n");
+    }
+  }
+
+  // Closes the last file; an input cut inside a frame fails the run.
+  void close() {
+    rec_->finish();
+    if (jpeg_ && jpeg_->trailing_bytes()) {
+      truncated_video_ = true;
+      truncation_ = "the last JPEG picture has no end of image";
+    }
+    if (truncated_video_)
+      fail(video_name_ + " ends inside a picture (" + truncation_ +
+           "): the stream is cut short; the pictures before it were recorded");
+    if (aac_ && aac_->trailing_bytes())
+      fail(audio_name_ + " ends inside an ADTS frame (" + std::to_string(aac_->trailing_bytes()) +
+           " bytes left over)");
+  }
+
+  void fail(const std::string &why) {
+    status_ = 1;
+    error_ += std::string(error_.empty() ? "" : "; ") + why;
+  }
+
+  // Stops the recorder, prints the summary and what went wrong; the exit status.
+  int report() {
+    progress_.end();
+    if (rec_) {
+      rec_->shutdown();  // closes what is still open and stops the base
+      if (!opt_.quiet) std::cout << rec_->summary();
+      if (rec_->dropped_video())
+        std::cerr << "mp4rec: " << rec_->dropped_video()
+                  << " pictures did not fit into a file's reserved index and were dropped\n";
+      if (rec_->dropped_audio())
+        std::cerr
+            << "mp4rec: note: " << rec_->dropped_audio()
+            << " audio frames were not recorded (before the first picture, or a full index)\n";
+      for (const auto &p : rec_->problems()) {
+        status_ = 1;
+        error_ += std::string(error_.empty() ? "" : "\nmp4rec: ") + p;
+      }
+      if (rec_->files().empty() && status_ == 0) fail("nothing was recorded");
+    }
+    if (status_ != 0) {
+      auto &log = library_log();
+      std::lock_guard<std::mutex> lock(log.mutex);
+      if (!log.echo)
+        for (const auto &m : log.errors) std::cerr << "mp4rec: library: " << m << "\n";
+      std::cerr << "mp4rec: " << error_ << "\n";
+    }
+    return status_;
+  }
+
+ private:
+  void say(const std::string &s) const {
+    if (!opt_.quiet) std::cout << s << std::flush;
+  }
+
   // Reads from one input; its bad bytes are reported under its name.
-  auto from = [](const std::string &name, auto &&read) {
+  template <typename Read>
+  static auto from(const std::string &name, Read &&read) {
     try {
       return read();
     } catch (const InputError &e) {
       throw InputError(name + ": " + e.what());
     }
-  };
-  auto next_video_au = [&] { return from(video_name, [&] { return h264->next(); }); };
-  auto next_picture = [&] { return from(video_name, [&] { return jpeg->next(); }); };
-  auto next_aac_frame = [&] { return from(audio_name, [&] { return aac->next(); }); };
+  }
+  std::optional<AccessUnit> next_video_au() {
+    return from(video_name_, [&] { return h264_->next(); });
+  }
+  std::optional<JpegPicture> next_picture() {
+    return from(video_name_, [&] { return jpeg_->next(); });
+  }
+  std::optional<AdtsFrame> next_aac_frame() {
+    return from(audio_name_, [&] { return aac_->next(); });
+  }
 
-  try {
-    // ---- look at the inputs before any file is made ----
-    int width = opt.width, height = opt.height;
-    double fps = opt.fps;
-    std::optional<AccessUnit> next_au;
-    std::optional<JpegPicture> next_pic;
-    if (opt.mjpeg) {
-      jpeg.emplace(open_source(opt.video));
-      next_pic = next_picture();
-      if (!next_pic) throw InputError(video_name + ": no whole JPEG picture");
-      if (!width) width = next_pic->width, height = next_pic->height;
-    } else {
-      h264.emplace(source_for(opt.video, sample_h264()), opt.hevc);
-      const char *codec = opt.hevc ? "H.265" : "H.264";
-      const int sps_type = opt.hevc ? 33 : 7;
-      std::optional<SpsInfo> sps;
-      // A file starts with an IDR (H.265: IRAP) picture behind its parameter sets.
-      bool have_vps = !opt.hevc, have_sps = false, have_pps = false;
-      while ((next_au = next_video_au())) {
-        for (const auto &n : next_au->nals) {
-          if ((next_au->bytes[n.offset + (next_au->bytes[n.offset + 2] == 1 ? 3 : 4)] & 0x80) != 0)
-            throw InputError(video_name + ": not an " + codec +
-                             " stream (a NAL unit header is invalid)");
-          if (n.type == sps_type && !sps) {
-            const std::span<const uint8_t> unit(next_au->bytes.data() + n.offset, n.size);
-            sps = opt.hevc ? parse_hevc_sps(unit) : parse_sps(unit);
-          }
+  void open_jpeg() {
+    jpeg_.emplace(open_source(opt_.video));
+    next_pic_ = next_picture();
+    if (!next_pic_) throw InputError(video_name_ + ": no whole JPEG picture");
+    if (!width_) width_ = next_pic_->width, height_ = next_pic_->height;
+  }
+
+  // A file starts with an IDR (H.265: IRAP) picture behind its parameter sets:
+  // the pictures before the first one are skipped.
+  void open_access_units() {
+    h264_.emplace(source_for(opt_.video, sample_h264()), opt_.hevc);
+    const char *codec = opt_.hevc ? "H.265" : "H.264";
+    const int sps_type = opt_.hevc ? 33 : 7;
+    std::optional<SpsInfo> sps;
+    bool have_vps = !opt_.hevc, have_sps = false, have_pps = false;
+    while ((au_ = next_video_au())) {
+      for (const auto &n : au_->nals) {
+        if ((au_->bytes[n.offset + (au_->bytes[n.offset + 2] == 1 ? 3 : 4)] & 0x80) != 0)
+          throw InputError(video_name_ + ": not an " + codec +
+                           " stream (a NAL unit header is invalid)");
+        if (n.type == sps_type && !sps) {
+          const std::span<const uint8_t> unit(au_->bytes.data() + n.offset, n.size);
+          sps = opt_.hevc ? parse_hevc_sps(unit) : parse_sps(unit);
         }
-        have_vps |= next_au->has_vps;
-        have_sps |= next_au->has_sps;
-        have_pps |= next_au->has_pps;
-        if (next_au->idr && have_vps && have_sps && have_pps) break;
-        if (next_au->has_picture) ++skipped;
-        if (skipped > 100000) break;
       }
-      if (!next_au || !next_au->idr)
-        throw InputError(video_name +
-                         (opt.hevc ? " holds no IRAP picture with its VPS, SPS and PPS"
-                                   : " holds no IDR picture with its SPS and PPS") +
-                         ": not an " + codec + " stream a recording can start on");
-      if (next_au->slices != 1 && !opt.hevc)
-        throw InputError(video_name + ": " + several_slices(next_au->slices));
-      if (!width) {
-        if (!sps || sps->width <= 0 || sps->height <= 0)
-          throw InputError("the picture size cannot be read from the SPS; give --size WxH");
-        width = sps->width, height = sps->height;
-      }
-      if (fps <= 0 && sps && sps->fps > 0 && sps->fps <= 240) fps = sps->fps;
+      have_vps |= au_->has_vps;
+      have_sps |= au_->has_sps;
+      have_pps |= au_->has_pps;
+      if (au_->idr && have_vps && have_sps && have_pps) break;
+      if (au_->has_picture) ++skipped_;
+      if (skipped_ > 100000) break;
     }
-    if (fps <= 0) fps = 30;
+    if (!au_ || !au_->idr)
+      throw InputError(video_name_ +
+                       (opt_.hevc ? " holds no IRAP picture with its VPS, SPS and PPS"
+                                  : " holds no IDR picture with its SPS and PPS") +
+                       ": not an " + codec + " stream a recording can start on");
+    if (au_->slices != 1 && !opt_.hevc)
+      throw InputError(video_name_ + ": " + several_slices(au_->slices));
+    if (!width_) {
+      if (!sps || sps->width <= 0 || sps->height <= 0)
+        throw InputError("the picture size cannot be read from the SPS; give --size WxH");
+      width_ = sps->width, height_ = sps->height;
+    }
+    if (fps_ <= 0 && sps && sps->fps > 0 && sps->fps <= 240) fps_ = sps->fps;
+  }
 
-    int audio_format = opt.mjpeg ? (opt.pcm_bits == 8 ? 1 : 2) : 3;
-    int sample_rate = opt.sample_rate;
-    std::optional<AdtsFrame> next_aac;
-    size_t pcm_block = opt.pcm_bits == 8 ? 576 : 2304;
-    std::optional<std::vector<uint8_t>> next_pcm;
-    const bool have_audio = builtin || !opt.audio.empty();
-    if (have_audio && !opt.mjpeg) {
-      aac.emplace(source_for(opt.audio, sample_aac()));
-      next_aac = next_aac_frame();
-      if (!next_aac) throw InputError(audio_name + ": no whole ADTS frame");
-      if (!sample_rate) sample_rate = next_aac->sample_rate;
-      if (next_aac->sample_rate != 16000 || next_aac->channels != 1)
-        std::cerr << "mp4rec: note: the audio is " << next_aac->sample_rate << " Hz with "
-                  << next_aac->channels
+  void open_audio() {
+    sample_rate_ = opt_.sample_rate;
+    const size_t pcm_block = opt_.pcm_bits == 8 ? 576 : 2304;
+    const bool have_audio = builtin_ || !opt_.audio.empty();
+    if (have_audio && !opt_.mjpeg) {
+      aac_.emplace(source_for(opt_.audio, sample_aac()));
+      next_aac_ = next_aac_frame();
+      if (!next_aac_) throw InputError(audio_name_ + ": no whole ADTS frame");
+      if (!sample_rate_) sample_rate_ = next_aac_->sample_rate;
+      if (next_aac_->sample_rate != 16000 || next_aac_->channels != 1)
+        std::cerr << "mp4rec: note: the audio is " << next_aac_->sample_rate << " Hz with "
+                  << next_aac_->channels
                   << " channels; the files' AAC configuration says 16000 Hz mono\n";
     } else if (have_audio) {
-      pcm.emplace(open_source(opt.audio), pcm_block);
-      next_pcm = pcm->next();
-      if (!next_pcm) throw InputError(audio_name + ": shorter than one block of PCM");
+      pcm_.emplace(open_source(opt_.audio), pcm_block);
+      next_pcm_ = pcm_->next();
+      if (!next_pcm_) throw InputError(audio_name_ + ": shorter than one block of PCM");
     }
-    if (!sample_rate) sample_rate = 16000;
-    // Without an audio input the files get silence: the library always writes
-    // an audio track, and players refuse one that has no samples at all.
-    const bool silence = !have_audio;
-    static constexpr uint8_t kSilentAdts[] = {0xFF, 0xF1, 0x60, 0x40, 0x01, 0x7F,
-                                              0xFC, 0x01, 0x18, 0x20, 0x07};  // AAC LC, 16 kHz
-    const std::vector<uint8_t> silent_frame =
-        opt.mjpeg ? std::vector<uint8_t>(pcm_block, opt.pcm_bits == 8 ? 0x80 : 0)
-                  : std::vector<uint8_t>(std::begin(kSilentAdts), std::end(kSilentAdts));
+    if (!sample_rate_) sample_rate_ = 16000;
+    silence_ = !have_audio;
+    silent_frame_ = opt_.mjpeg
+                        ? std::vector<uint8_t>(pcm_block, opt_.pcm_bits == 8 ? 0x80 : 0)
+                        : std::vector<uint8_t>(std::begin(kSilentAdts), std::end(kSilentAdts));
+  }
 
-    prepare_directory(opt.out_dir);
-    rec = std::make_unique<Recorder>(opt, width, height, fps, audio_format, sample_rate);
-    rec->start();
-    say("recording " + video_name + " (" + std::to_string(width) + "x" + std::to_string(height) +
-        ", " + std::to_string(fps).substr(0, 5) + " fps" +
-        (have_audio ? (opt.mjpeg ? ", PCM audio" : ", AAC audio") : ", silence for audio") +
-        ") into " + opt.out_dir + "\n");
-    if (skipped)
-      say("skipped " + std::to_string(skipped) + " pictures before the first " +
-          (opt.hevc ? "IRAP" : "IDR") + " picture\n");
+  // One picture; false when the last access unit was cut short and dropped.
+  bool feed_video(long long ts) {
+    if (opt_.mjpeg) {
+      rec_->video_jpeg(*next_pic_, ts);
+      next_pic_ = next_picture();
+      return true;
+    }
+    if (au_->idr) gop_.clear();
+    gop_.push_back(au_->bytes);
+    if (!after_) {
+      // The last picture: a stream cut inside it is not recorded.
+      const std::string why = last_picture_error(gop_, opt_.hevc);
+      if (!why.empty() || !au_->has_picture) {
+        truncated_video_ = true;
+        truncation_ = why.empty() ? "parameter sets without a picture at the end"
+                                  : "the decoder reports: " + why;
+        au_.reset();
+        return false;
+      }
+    }
+    if (au_->has_picture) rec_->video_access_unit(*au_, ts);
+    au_ = std::move(after_);
+    after_ = au_ ? next_video_au() : std::nullopt;
+    return true;
+  }
 
-    // ---- the recording loop: frames in time-stamp order ----
-    progress.restart();
-    const auto t0 = Clock::now();
-    auto now_ms = [&] {
-      return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
-    };
-    long vk = 0, ak = 0;
-    const double audio_frame_ms = opt.mjpeg ? 1152 * 1000.0 / 16000 : 1024 * 1000.0 / sample_rate;
-    std::vector<std::vector<uint8_t>> gop;  // since the last IDR, for the truncation check
-    std::optional<AccessUnit> au = std::move(next_au);
-    std::optional<AccessUnit> after = au ? next_video_au() : std::nullopt;
-    while (!g_stop.load()) {
-      const bool v_more = opt.mjpeg ? next_pic.has_value() : au.has_value();
-      const bool a_more = next_aac.has_value() || next_pcm.has_value() || (silence && v_more);
-      if (!v_more && !a_more) break;
-      const double v_due = vk * 1000.0 / fps;
-      const double a_due = ak * audio_frame_ms;
-      const bool take_video = v_more && (!a_more || v_due <= a_due);
-      const double due = take_video ? v_due : a_due;
-      long long ts = std::llround(due);
-      if (opt.realtime) {
-        std::this_thread::sleep_until(t0 + std::chrono::microseconds(std::llround(due * 1000)));
-        ts = now_ms();
-      }
-      if (take_video) {
-        if (opt.mjpeg) {
-          rec->video_jpeg(*next_pic, ts);
-          next_pic = next_picture();
-        } else {
-          if (au->idr) gop.clear();
-          gop.push_back(au->bytes);
-          if (!after) {
-            // The last picture: a stream cut inside it is not recorded.
-            const std::string why = last_picture_error(gop, opt.hevc);
-            if (!why.empty() || !au->has_picture) {
-              truncated_video = true;
-              truncation = why.empty() ? "parameter sets without a picture at the end"
-                                       : "the decoder reports: " + why;
-              au.reset();
-              continue;
-            }
-          }
-          if (au->has_picture) rec->video_access_unit(*au, ts);
-          au = std::move(after);
-          after = au ? next_video_au() : std::nullopt;
-        }
-        ++vk;
-      } else {
-        if (silence) {
-          rec->audio(silent_frame, ts);
-        } else if (next_aac) {
-          rec->audio(next_aac->bytes, ts);
-          next_aac = next_aac_frame();
-        } else {
-          rec->audio(*next_pcm, ts);
-          next_pcm = pcm->next();
-        }
-        ++ak;
-      }
-      progress.update(*rec);
-    }
-    progress.update(*rec, true);
-    if (g_stop.load()) {
-      progress.end();
-      say("stopped by a signal; closing the file\n");
-    }
-    rec->finish();
-    if (jpeg && jpeg->trailing_bytes()) {
-      truncated_video = true;
-      truncation = "the last JPEG picture has no end of image";
-    }
-    if (truncated_video) {
-      status = 1;
-      error = video_name + " ends inside a picture (" + truncation +
-              "): the stream is cut short; the pictures before it were recorded";
-    }
-    if (aac && aac->trailing_bytes()) {
-      status = 1;
-      error += std::string(error.empty() ? "" : "; ") + audio_name +
-               " ends inside an ADTS frame (" + std::to_string(aac->trailing_bytes()) +
-               " bytes left over)";
-    }
-  } catch (const InputError &e) {
-    status = 1;
-    error = e.what();
-  } catch (const WriteFailure &e) {
-    status = 1;
-    error = e.what();
-  } catch (const std::exception &e) {
-    status = 1;
-    error = e.what();
-  }
-  progress.end();
-  if (rec) {
-    rec->shutdown();  // closes what is still open and stops the base
-    if (!opt.quiet) std::cout << rec->summary();
-    if (rec->dropped_video())
-      std::cerr << "mp4rec: " << rec->dropped_video()
-                << " pictures did not fit into a file's reserved index and were dropped\n";
-    if (rec->dropped_audio())
-      std::cerr << "mp4rec: note: " << rec->dropped_audio()
-                << " audio frames were not recorded (before the first picture, or a full index)\n";
-    for (const auto &p : rec->problems()) {
-      status = 1;
-      error += std::string(error.empty() ? "" : "\nmp4rec: ") + p;
-    }
-    if (rec->files().empty() && status == 0) {
-      status = 1;
-      error = "nothing was recorded";
+  void feed_audio(long long ts) {
+    if (silence_) {
+      rec_->audio(silent_frame_, ts);
+    } else if (next_aac_) {
+      rec_->audio(next_aac_->bytes, ts);
+      next_aac_ = next_aac_frame();
+    } else {
+      rec_->audio(*next_pcm_, ts);
+      next_pcm_ = pcm_->next();
     }
   }
-  if (status != 0) {
-    auto &log = library_log();
-    std::lock_guard<std::mutex> lock(log.mutex);
-    if (!log.echo)
-      for (const auto &m : log.errors) std::cerr << "mp4rec: library: " << m << "\n";
-    std::cerr << "mp4rec: " << error << "\n";
+
+  RecordOptions opt_;
+  const bool builtin_;
+  const std::string video_name_, audio_name_;
+  Progress progress_;
+  int status_ = 0;
+  std::string error_;
+  std::unique_ptr<Recorder> rec_;
+
+  std::optional<AccessUnitReader> h264_;
+  std::optional<JpegReader> jpeg_;
+  std::optional<AdtsReader> aac_;
+  std::optional<PcmReader> pcm_;
+  int width_ = 0, height_ = 0;
+  double fps_ = 0;
+  int sample_rate_ = 0;
+  long skipped_ = 0;
+  bool silence_ = false;
+  std::vector<uint8_t> silent_frame_;
+
+  // The next inputs: the access unit to feed and the one behind it (its
+  // absence marks the last picture), the JPEG picture, AAC frame or PCM block.
+  std::optional<AccessUnit> au_, after_;
+  std::optional<JpegPicture> next_pic_;
+  std::optional<AdtsFrame> next_aac_;
+  std::optional<std::vector<uint8_t>> next_pcm_;
+  std::vector<std::vector<uint8_t>> gop_;  // since the last IDR, for the truncation check
+  bool truncated_video_ = false;
+  std::string truncation_;
+};
+
+}  // namespace
+
+int run_record(const RecordOptions &opt) {
+  library_log().echo = opt.verbose;
+  std::signal(SIGXFSZ, SIG_IGN);  // a file size limit shows as a write error, like a full card
+  std::signal(SIGINT, on_stop_signal);
+  std::signal(SIGTERM, on_stop_signal);
+  RecordRun run(opt);
+  try {
+    run.open_inputs();
+    run.open_recorder();
+    run.feed();
+    run.close();
+  } catch (const std::exception &e) {  // bad input, a write failure or anything else
+    run.fail(e.what());
   }
-  return status;
+  return run.report();
 }
 
 void note_library_message(int level, const char *function, const char *text) {
