@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need (Debian, as root; quiet when all is
-# there), then builds and runs the test suite four times: plain, under
+# there), checks the sources' formatting with clang-format, then builds and
+# runs the test suite five times: plain with gcc (developer mode: strict
+# warnings are errors), with clang (the same), under
 # AddressSanitizer + UndefinedBehaviorSanitizer, the threaded suites under
 # ThreadSanitizer, and everything cross-built for the cameras' 32-bit MIPS
 # under qemu (scripts/test-target.sh). After the plain run, every validator of
@@ -11,7 +13,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake pkg-config libavcodec-dev libavformat-dev libavutil-dev ffmpeg
-          libgtest-dev libgmock-dev libbenchmark-dev clang
+          libgtest-dev libgmock-dev libbenchmark-dev clang clang-format
           gstreamer1.0-tools gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good
           gstreamer1.0-libav)
 ./scripts/install-deps.sh "${packages[@]}"
@@ -29,15 +31,23 @@ run_suite() {  # build-dir, cmake options, ctest options
   (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300 $filter)
 }
 
+echo "== clang-format"
+find include src tools tests bench examples \( -name '*.c' -o -name '*.cpp' -o -name '*.h' \) \
+  -print0 | xargs -0 clang-format --dry-run --Werror
+
 # The plain run keeps the files that the players test makes.
 rm -rf build/players
 export MP4REC_PLAYERS_KEEP=$PWD/build/players
-run_suite build ""
+run_suite build "-DMP4REC_DEV=ON"
 unset MP4REC_PLAYERS_KEEP
 echo "== validators"
 ./scripts/validate.sh build/players/MainRoadClosed.mp4 \
   build/players/MainRoadCutAfterBothTracksFirstBatch.mp4 build/players/H265Closed.mp4 \
   build/players/H265CutAfterBothTracksFirstBatch.mp4
+# clang with the same strict warnings; -O1 without debug information keeps
+# the build short.
+run_suite build-clang "-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DMP4REC_DEV=ON
+  -DMP4REC_BUILD_BENCH=OFF -DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1 -DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1"
 run_suite build-asan "-DMP4REC_SANITIZE=address,undefined -DMP4REC_BUILD_BENCH=OFF" ""
 # ThreadSanitizer needs a fixed address layout on kernels with wide mmap randomisation.
 setarch "$(uname -m)" -R true 2>/dev/null && tsan_prefix="setarch $(uname -m) -R" || tsan_prefix=""

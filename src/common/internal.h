@@ -56,7 +56,7 @@ enum LogOnce : uint32_t {
 // True the first time it is asked for `what` on the file whose writer record
 // (MP4 handle or MJPEG context) is `record`. The records keep their layout:
 // what was logged is kept beside them until forget_once, when they are freed.
-bool first_time(const void *record, LogOnce what);
+[[nodiscard]] bool first_time(const void *record, LogOnce what);
 void forget_once(const void *record);
 
 // Video formats of a pre-open request and of the handler it produces.
@@ -78,5 +78,6 @@ inline uint32_t relaxed(const std::atomic<uint32_t> &v) {
 #define MP4_LOG_AS(name, level, module, ...) \
   swLogWrite((level), (module), (name), __LINE__, __VA_ARGS__)
 // Module-38 messages start "[%d] " with the source line as their first argument.
-#define MP4_LOG38(level, fmt, ...) \
-  swLogWrite((level), ::mp4rec::kModAudio, __func__, __LINE__, fmt, __LINE__, ##__VA_ARGS__)
+#define MP4_LOG38(level, fmt, ...)                                  \
+  swLogWrite((level), ::mp4rec::kModAudio, __func__, __LINE__, fmt, \
+             __LINE__ __VA_OPT__(, ) __VA_ARGS__)

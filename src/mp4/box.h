@@ -153,7 +153,7 @@ int32_t put_at(Sink &s, const Run &run);
 // Seeks to the absolute offset `pos` and writes `value` there (the stream is
 // left behind the value). Returns -1 when the seek fails (nothing added), else
 // the status after adding the write's result.
-int32_t write_u32_at(Sink &s, uint32_t pos, uint32_t value);
+[[nodiscard]] int32_t write_u32_at(Sink &s, uint32_t pos, uint32_t value);
 
 // ---------------------------------------------------------------------------
 // Fixed texts and constants shared by the writers.
@@ -190,11 +190,11 @@ inline constexpr uint32_t kAudioEntryFieldsSize = 28;   // mp4a contents before 
 // ftyp (32): isom, minor 0x200, compatible isom iso2 avc1 mp41 (with another
 // `codec_brand` in place of avc1). With `patched` the size is written as 0 and
 // completed by the size patch (same bytes).
-int32_t write_ftyp(Sink &s, bool patched = false, const char *codec_brand = "avc1");
+[[nodiscard]] int32_t write_ftyp(Sink &s, bool patched = false, const char *codec_brand = "avc1");
 
 // free (8), then the mdat header (8, size 0, type "mdat"). The mdat header's
 // offset is stored through `mdat_pos` (-1 when it cannot be read).
-int32_t write_free_mdat(Sink &s, uint32_t *mdat_pos);
+[[nodiscard]] int32_t write_free_mdat(Sink &s, uint32_t *mdat_pos);
 
 struct MvhdParams {
   uint32_t creation_time;  // also the modification time, seconds since 1904
@@ -210,7 +210,7 @@ struct MvhdMarks {
   uint32_t *duration = nullptr;
 };
 // mvhd (108): version 0, rate 1.0, volume 1.0, identity matrix, next track 3.
-int32_t write_mvhd(Sink &s, const MvhdParams &p, const MvhdMarks &m = {});
+[[nodiscard]] int32_t write_mvhd(Sink &s, const MvhdParams &p, const MvhdMarks &m = {});
 
 struct TkhdParams {
   uint32_t creation_time;
@@ -231,31 +231,31 @@ struct TkhdMarks {
   uint32_t *duration = nullptr;
 };
 // tkhd (92): version 0, flags 15 (enabled, in movie, in preview, in poster).
-int32_t write_tkhd(Sink &s, const TkhdParams &p, const TkhdMarks &m = {});
+[[nodiscard]] int32_t write_tkhd(Sink &s, const TkhdParams &p, const TkhdMarks &m = {});
 
 struct EdtsMarks {
   uint32_t *box = nullptr;
   uint32_t *segment_duration = nullptr;
 };
 // edts (36) holding elst (28): one segment of `duration`, media time 0, rate 1.
-int32_t write_edts(Sink &s, uint32_t duration, const EdtsMarks &m = {});
+[[nodiscard]] int32_t write_edts(Sink &s, uint32_t duration, const EdtsMarks &m = {});
 
 struct MdhdMarks {
   uint32_t *box = nullptr;
   uint32_t *duration = nullptr;
 };
 // mdhd (32): version 0, language "und".
-int32_t write_mdhd(Sink &s, uint32_t creation_time, uint32_t time_scale, uint32_t duration,
-                   const MdhdMarks &m = {});
+[[nodiscard]] int32_t write_mdhd(Sink &s, uint32_t creation_time, uint32_t time_scale,
+                                 uint32_t duration, const MdhdMarks &m = {});
 
 // Media hdlr (55, size patched): pre-defined "mhlr", handler type "vide" or
 // "soun", the 22-byte handler name and a zero byte.
-int32_t write_hdlr(Sink &s, const char *handler_type, uint32_t *box_mark = nullptr);
+[[nodiscard]] int32_t write_hdlr(Sink &s, const char *handler_type, uint32_t *box_mark = nullptr);
 
 // vmhd (20): flags 1, graphics mode and colour 0.
-int32_t write_vmhd(Sink &s, uint32_t *box_mark = nullptr);
+[[nodiscard]] int32_t write_vmhd(Sink &s, uint32_t *box_mark = nullptr);
 // smhd (16): balance 0.
-int32_t write_smhd(Sink &s);
+[[nodiscard]] int32_t write_smhd(Sink &s);
 
 struct DinfMarks {
   uint32_t *dinf = nullptr;
@@ -264,13 +264,13 @@ struct DinfMarks {
 };
 // dinf (36, size patched) holding dref (28) with one "url " entry (12, flags 1:
 // media in this file).
-int32_t write_dinf(Sink &s, const DinfMarks &m = {});
+[[nodiscard]] int32_t write_dinf(Sink &s, const DinfMarks &m = {});
 
 // udta (121, size patched) holding meta (113): hdlr "mdir" (33) and ilst (68)
 // with one item "\xA9too" (60) holding data (52): UTF-8 text kToolText. With
 // `padding`, the hdlr's name (a zero byte) is followed by that many more zero
 // bytes, and hdlr, meta and udta are as much larger.
-int32_t write_udta(Sink &s, uint32_t padding = 0);
+[[nodiscard]] int32_t write_udta(Sink &s, uint32_t padding = 0);
 
 // The 78 bytes of a visual sample entry after its header (avc1 and mp4v):
 // reserved, data reference index 1, pre-defined, width and height as 16-bit
@@ -286,13 +286,13 @@ void write_audio_entry_fields(Sink &s, uint32_t sample_rate);
 // (format 3; 39 bytes). MPEG audio is declared as MPEG-2 audio (object type
 // 0x69) below 32000 Hz, where its frames use the MPEG-2 low sample rates, and
 // as MPEG-1 audio (0x6B) from 32000 Hz on.
-int32_t write_esds_audio(Sink &s, uint32_t audio_format, uint32_t sample_rate);
+[[nodiscard]] int32_t write_esds_audio(Sink &s, uint32_t audio_format, uint32_t sample_rate);
 // The object type indication of MPEG audio at a sample rate.
 constexpr uint8_t mpeg_audio_object_type(uint32_t sample_rate) {
   return sample_rate < 32000 ? 0x69 : 0x6B;
 }
 // esds of the MJPEG video track (size patched, 44 bytes): JPEG, ES ID 1.
-int32_t write_esds_jpeg(Sink &s);
+[[nodiscard]] int32_t write_esds_jpeg(Sink &s);
 
 // Size of the audio esds box for an audio format.
 constexpr uint32_t esds_audio_size(uint32_t audio_format) {

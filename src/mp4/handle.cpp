@@ -113,8 +113,8 @@ extern "C" void free_mp4_h264(mp4_handle *h) {
   std::free(h);
 }
 
-extern "C" int free_mp4(void *mp4_handle) {
-  if (mp4_handle == nullptr) return -1;
-  free_mp4_h264(static_cast<struct mp4_handle *>(mp4_handle));
+extern "C" int free_mp4(void *handle) {
+  if (handle == nullptr) return -1;
+  free_mp4_h264(static_cast<mp4_handle *>(handle));
   return 0;
 }

@@ -75,7 +75,6 @@ bool reserve_entries(Sink &s, uint32_t n, std::span<const uint8_t> entry, bool h
 }
 
 constexpr uint8_t kZero4[4] = {};
-constexpr uint8_t kZero8[8] = {};
 constexpr uint8_t kOneZero[8] = {0, 0, 0, 1, 0, 0, 0, 0};  // (count 1, delta 0)
 constexpr uint8_t kStscOne[12] = {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1};
 static_assert(sizeof kStscOne == 12);

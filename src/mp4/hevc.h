@@ -300,10 +300,11 @@ std::vector<uint8_t> config_record(std::span<const uint8_t> vps, std::span<const
 // file's configuration. 0, also when one was kept before; -1 with a log line
 // when the unit is refused: an SPS that cannot be read, a set that would make
 // the record larger than the room reserved for it, or no memory for the copy.
-int keep_parameter_set(mp4_handle *h, NalClass kind, const uint8_t *unit, uint32_t len);
+[[nodiscard]] int keep_parameter_set(mp4_handle *h, NalClass kind, const uint8_t *unit,
+                                     uint32_t len);
 
 // True once VPS, SPS and PPS are all kept.
-bool has_parameter_sets(const mp4_handle *h);
+[[nodiscard]] bool has_parameter_sets(const mp4_handle *h);
 
 }  // namespace mp4rec::hevc
 
@@ -317,7 +318,7 @@ namespace mp4rec {
 // the picture before it; when that picture was refused or is no longer in the
 // buffer node being filled, or would outgrow a node, the slice is refused with
 // -1. Those refusals keep the handle.
-int write_one_h265(unsigned char *data, int length, int timestamp, mp4_handle *handle,
-                   bool *released);
+[[nodiscard]] int write_one_h265(unsigned char *data, int length, int timestamp, mp4_handle *handle,
+                                 bool *released);
 
 }  // namespace mp4rec

@@ -45,7 +45,7 @@ static_assert(classify_nal(0x67) == kNalSps && classify_nal(0x68) == kNalPps &&
 
 // Length of the Annex B start code in front of a unit of `length` bytes, or 0
 // when there is none: 00 00 01 needs a unit of 4 bytes, 00 00 00 01 one of 5.
-inline int nal_start_code_length(const uint8_t *data, int length) {
+[[nodiscard]] inline int nal_start_code_length(const uint8_t *data, int length) {
   if (length < 4 || data[0] != 0 || data[1] != 0) return 0;
   if (data[2] == 0 && data[3] == 1 && length >= 5) return 4;
   if (data[2] == 1) return 3;
@@ -71,8 +71,8 @@ inline std::vector<uint8_t> unescape_rbsp(std::span<const uint8_t> unit) {
 
 // Keeps the first copy of a parameter set for the whole file. False when the
 // copy cannot be allocated.
-inline bool keep_first_parameter_set(uint8_t *&copy, uint32_t &copy_len, const uint8_t *unit,
-                                     uint32_t len) {
+[[nodiscard]] inline bool keep_first_parameter_set(uint8_t *&copy, uint32_t &copy_len,
+                                                   const uint8_t *unit, uint32_t len) {
   if (copy_len != 0) return true;
   auto *mem = static_cast<uint8_t *>(std::malloc(len > 0 ? len : 1));
   if (mem == nullptr) return false;

@@ -217,7 +217,7 @@ TEST_P(Readers, ReadErrorIsReported) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, Readers, testing::Values(kMp2, kAac),
-                         [](const auto &info) { return std::string(info.param.word); });
+                         [](const auto &p) { return std::string(p.param.word); });
 
 // ADTS frames are found by their sync pair alone, and AAC bodies hold the
 // pair by chance now and then: the reader then cuts there (it reads no

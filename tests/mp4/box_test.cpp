@@ -156,7 +156,9 @@ TEST(BoxBytes, ContainersOfFixedSize) {
     ASSERT_EQ(w.bytes.size(), c.size) << c.name;
     testsupport::BoxFile f(w.bytes);
     EXPECT_EQ(f.u32(0), c.size) << c.name;
-    if (c.child != nullptr) EXPECT_NE(f.find(c.child), nullptr) << c.name << "\n" << f.dump();
+    if (c.child != nullptr) {
+      EXPECT_NE(f.find(c.child), nullptr) << c.name << "\n" << f.dump();
+    }
   }
 }
 

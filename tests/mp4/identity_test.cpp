@@ -62,7 +62,7 @@ INSTANTIATE_TEST_SUITE_P(
                  {.prealloc = true, .time_stamps = true, .durability = 1, .interval_ms = 600000},
                  kFrontHolesStamped},
         Finished{"mjpeg", 'j', {}, kMjpeg}, Finished{"index_at_end", 'e', {}, kAtEnd}),
-    [](const auto &info) { return std::string(info.param.name); });
+    [](const auto &p) { return std::string(p.param.name); });
 
 }  // namespace
 

@@ -244,7 +244,9 @@ TEST(HevcIntake, BadUnitsAreRefusedWithALineAndLoseNothing) {
     Recording rec({}, true, true);
     ASSERT_NE(rec.handle, nullptr);
     if (c.before != kNothing) feed_parameter_sets(rec.handle);
-    if (c.before == kPicture) ASSERT_EQ(feed_hevc(rec.handle, hevc_unit(19, 30), 0), 0);
+    if (c.before == kPicture) {
+      ASSERT_EQ(feed_hevc(rec.handle, hevc_unit(19, 30), 0), 0);
+    }
     LogCapture log;
     bool released = false;
     EXPECT_EQ(feed_hevc(rec.handle, c.bytes, 40, &released), -1);

@@ -104,9 +104,9 @@ TEST(BadInput, EveryNextCallIsSafeAndTheFilePlays) {
 
   // Access units [from, to) with the AAC frames that fall due before them.
   size_t next_aac = 0;
-  auto feed_front = [&](mp4_handler *h, const auto &units, size_t from, size_t to) {
+  auto feed_front = [&](mp4_handler *h, const auto &stream, size_t from, size_t to) {
     for (size_t i = from; i < to; ++i) {
-      Bytes au = joined(units[i]);
+      Bytes au = joined(stream[i]);
       ASSERT_EQ(mp4_write_splite_sps_pps_i(au.data(), static_cast<int>(au.size()),
                                            static_cast<int>(i * 40), h),
                 0);

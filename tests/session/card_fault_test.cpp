@@ -184,7 +184,7 @@ TEST(CardFault, EveryWriteFailingOnceOrForGood) {
   const bool every_state_plays = clean.head_chunks == 0;
 
   int runs = 0;
-  for (const auto [mode, error] :
+  for (const auto &[mode, error] :
        {std::pair{SimCard::Fault::kOnce, EIO}, std::pair{SimCard::Fault::kSticky, ENOSPC}}) {
     for (long k = 1; k <= writes; k += kStep) {
       SCOPED_TRACE((mode == SimCard::Fault::kOnce ? "EIO once at write " : "ENOSPC from write ") +

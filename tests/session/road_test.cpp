@@ -150,7 +150,9 @@ struct H264Recording {
   // Takes the session back, keeps the file under `keep` (if given) and ends all.
   void finish(const std::string &keep = "") {
     EXPECT_EQ(mp4_session_pop(base), session);
-    if (!keep.empty()) EXPECT_EQ(std::rename(opened.mp4_path.c_str(), keep.c_str()), 0);
+    if (!keep.empty()) {
+      EXPECT_EQ(std::rename(opened.mp4_path.c_str(), keep.c_str()), 0);
+    }
     EXPECT_EQ(mp4_session_free(session), 0);
     EXPECT_EQ(mp4_base_free(base), 0);
   }
@@ -259,8 +261,9 @@ TEST(ResultCodes, AFullIndexAnswersMinusFiveAndKeepsWhatItHas) {
   EXPECT_EQ(log.find("mp4 write video : out of frame number\n").level, 6);
   EXPECT_EQ(log.find("mp4 write audio : out of frame number\n").level, 6);
   for (const auto &e : log.entries()) {
-    if (e.function == "mp4_write_video" || e.function == "mp4_write_audio")
+    if (e.function == "mp4_write_video" || e.function == "mp4_write_audio") {
       EXPECT_NE(e.level, 3) << e.text;
+    }
   }
   EXPECT_EQ(mp4_write_close(h), 0);
   const std::string kept = dir.file("kept.mp4");
@@ -448,7 +451,9 @@ Made record_main_road(const TempDir &dir, const Shape &shape, bool cut = false,
   EXPECT_EQ(mp4_write_register(rec.base, on_batch, &batches), 0);
   // The callback looks at the index right behind each batch: mode 0 enters it
   // there (mode 1 at its next commit).
-  if (cut) EXPECT_EQ(mp4_set_durability(rec.session, 0, 0), 0);
+  if (cut) {
+    EXPECT_EQ(mp4_set_durability(rec.session, 0, 0), 0);
+  }
 
   Made copy;
   feed(m, rec.opened.handler, [&](size_t) {
@@ -607,6 +612,6 @@ const PlayerCase kPlayerCases[] = {
     {"IndexAtEnd", record_index_at_end, "h264,avc1"},
 };
 INSTANTIATE_TEST_SUITE_P(Files, Players, ::testing::ValuesIn(kPlayerCases),
-                         [](const auto &info) { return std::string(info.param.name); });
+                         [](const auto &p) { return std::string(p.param.name); });
 
 }  // namespace

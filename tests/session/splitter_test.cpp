@@ -123,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(
                   3},
         SplitCase{"HevcTrailGoesWhole", concat({nal(4, 0x02, 20), nal(4, 0x26, 20)}), {50}, 3},
         SplitCase{"HevcBlaIsScanned", concat({nal(4, 0x21, 20), nal(4, 0x02, 20)}), {25, 25}, 3}),
-    [](const auto &info) { return info.param.name; });
+    [](const auto &p) { return p.param.name; });
 
 TEST(SplitFailure, AnInnerFailureStopsTheSplit) {
   // -1, -5 and even a positive answer for an inner piece all end the split with -1.

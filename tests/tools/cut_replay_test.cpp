@@ -247,7 +247,9 @@ TEST_P(CutReplay, EveryStateIsValidAndRepairs) {
   }
   const Decoded finished = decode(mp4_);
   EXPECT_EQ(finished.errors, "");
-  if (v.writer == 'f') EXPECT_EQ(finished.frames, previous);
+  if (v.writer == 'f') {
+    EXPECT_EQ(finished.frames, previous);
+  }
   std::cout << "[ states   ] " << v.name << ": " << states << " states and " << subsets
             << " subsets checked by inspect, " << decoded_ << " decoded by ffmpeg ("
             << claims_more_states_ << " with a chunk claiming more samples), " << repaired_count_
@@ -264,7 +266,7 @@ INSTANTIATE_TEST_SUITE_P(
         Variant{"front_durable", 'f', {.durability = 1, .interval_ms = 1}, 7, 2},
         Variant{"front_durable_batched", 'f', {.durability = 1, .interval_ms = 60000}, 7, 3},
         Variant{"mjpeg", 'j', {}, 2, 0}, Variant{"index_at_end", 'e', {}, 2, 0}),
-    [](const auto &info) { return std::string(info.param.name); });
+    [](const auto &p) { return std::string(p.param.name); });
 
 }  // namespace
 

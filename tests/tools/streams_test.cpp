@@ -70,7 +70,9 @@ TEST(Streams, AccessUnitsArePictures) {
         ++idr;
         EXPECT_TRUE(au->has_sps && au->has_pps && (au->has_vps || !hevc));
         EXPECT_EQ(au->nals.front().type, hevc ? 32 : 7);
-        if (!hevc) EXPECT_EQ(au->nals.back().type, 5);
+        if (!hevc) {
+          EXPECT_EQ(au->nals.back().type, 5);
+        }
       }
     }
     EXPECT_EQ(units, testsupport::ffprobe_packets(file, "v"));

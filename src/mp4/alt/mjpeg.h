@@ -105,8 +105,9 @@ void mjpeg_release(mp4_mjpeg_ctx *ctx);
 // mp4_write_one_jpeg and mp4_write_pcm_jpeg, telling the caller whether the
 // context was released (it is gone then). A picture or block that would take
 // the finished file past kMaxFileBytes is refused with -5.
-int mjpeg_write_one(unsigned char *data, int length, int timestamp, mp4_mjpeg_ctx *ctx,
-                    bool *released);
-int mjpeg_write_pcm(unsigned char *data, int length, mp4_mjpeg_ctx *ctx, bool *released);
+[[nodiscard]] int mjpeg_write_one(unsigned char *data, int length, int timestamp,
+                                  mp4_mjpeg_ctx *ctx, bool *released);
+[[nodiscard]] int mjpeg_write_pcm(unsigned char *data, int length, mp4_mjpeg_ctx *ctx,
+                                  bool *released);
 
 }  // namespace mp4rec
