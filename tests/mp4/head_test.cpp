@@ -122,48 +122,64 @@ TEST(Head, FieldValuesOfAnEmptyFile) {
   const uint32_t nv = head.nv, na = head.na;
   const BoxFile f = head.close();
 
-  const auto &mvhd = f.at("moov/mvhd");
-  EXPECT_EQ(mvhd.size, 108u);
-  EXPECT_EQ(f.u32(mvhd.offset + 12), created);
-  EXPECT_EQ(f.u32(mvhd.offset + 20), 1000u);  // time scale
-  EXPECT_EQ(f.u32(mvhd.offset + 24), 64u);    // 1024 / 16; 72 for MPEG-1 audio
-  EXPECT_EQ(f.u32(mvhd.offset + 104), 3u);    // next track ID
-
-  const auto &vt = f.at("moov/trak[0]/tkhd");
-  EXPECT_EQ(f.u32(vt.offset + 20), 1u);
-  EXPECT_EQ(f.u32(vt.offset + 28), 50u);
-  EXPECT_EQ(f.u32(vt.offset + 84), 1280u << 16);
-  EXPECT_EQ(f.u32(vt.offset + 88), 720u << 16);
-  EXPECT_EQ(f.u32(f.at("moov/trak[0]/edts/elst").offset + 16), 50u);
-  const auto &vm = f.at("moov/trak[0]/mdia/mdhd");
-  EXPECT_EQ(f.u32(vm.offset + 20), 1000u);
-  EXPECT_EQ(f.u32(vm.offset + 24), 0u);
-  EXPECT_EQ(f.u16(vm.offset + 28), 0x55C4);
-  EXPECT_EQ(f.str(f.at("moov/trak[0]/mdia/hdlr").offset + 16, 4), "vide");
-  EXPECT_EQ(f.at("moov/trak[0]/mdia/hdlr").size, 55u);
-
-  const auto &at = f.at("moov/trak[1]/tkhd");
-  EXPECT_EQ(f.u32(at.offset + 20), 2u);
-  EXPECT_EQ(f.u32(at.offset + 28), 64u);
-  EXPECT_EQ(f.u16(at.offset + 44), 0x0100);
-  EXPECT_EQ(f.u32(at.offset + 84), 0u);
-  EXPECT_EQ(f.u32(f.at("moov/trak[1]/mdia/mdhd").offset + 20), 16000u);
-  EXPECT_EQ(f.str(f.at("moov/trak[1]/mdia/hdlr").offset + 16, 4), "soun");
-  EXPECT_NE(f.find("moov/trak[1]/mdia/minf/smhd"), nullptr);
-  EXPECT_EQ(f.find("moov/trak[1]/edts"), nullptr);
-  EXPECT_EQ(f.str(f.at("moov/trak[1]/mdia/hdlr").offset + 32, 22),
-            std::string(mp4rec::box::kHandlerName));
-  EXPECT_EQ(f.str(f.at("moov/udta/meta/ilst/\xA9too/data").offset + 16, 36),
-            std::string(mp4rec::box::kToolText));
-
-  // The room for SPS and PPS: a configuration without parameter sets, and a
-  // free box over the rest.
-  EXPECT_EQ(f.tree(vbox("stsd")), "stsd 622\n  avc1 606\n    avcC 15\n    free 505\n");
-  const auto &avc1 = f.at(vbox("stsd/avc1"));
-  EXPECT_EQ(f.u16(avc1.offset + 32), 1280);
-  EXPECT_EQ(f.u16(avc1.offset + 34), 720);
-  EXPECT_EQ(f.slice(f.at(vbox("stsd/avc1/avcC")).offset + 8, 7), mp4rec::box::avc_config({}, {}));
-  EXPECT_EQ(f.u32(f.at(abox("stsd/mp4a")).offset + 32), 16000u << 16);
+  EXPECT_EQ(f.u32(f.at("moov/mvhd").offset + 12), created);
+  // No chunk and no sample declared yet: every count is 0 but the audio stts
+  // count, which counts its reserved entries (whose sample counts are 0). The
+  // room for SPS and PPS: a configuration without parameter sets, and a free
+  // box over the rest.
+  EXPECT_EQ(f.fields("moov"), R"(moov 16308
+  mvhd 108 scale=1000 duration=64 next=3
+  trak 10609
+    tkhd 92 id=1 duration=50 volume=0 size=1280x720 fixed
+    edts 36
+      elst 28 duration=50 media=0
+    mdia 10473
+      mdhd 32 scale=1000 duration=0 lang=21956
+      hdlr 55 vide
+      minf 10378
+        vmhd 20
+        dinf 36
+          dref 28
+            url  12
+        stbl 10314
+          stsd 622
+            avc1 606 1280x720
+              avcC 15
+              free 505
+          stts 2416 n=0
+          stss 1216 n=0
+          stsc 3616 n=0
+          stsz 1220 n=0
+          stco 1216 n=0
+  trak 5462
+    tkhd 92 id=2 duration=64 volume=256 size=0x0
+    mdia 5362
+      mdhd 32 scale=16000 duration=0 lang=21956
+      hdlr 55 soun
+      minf 5267
+        smhd 16
+        dinf 36
+          dref 28
+            url  12
+        stbl 5207
+          stsd 91
+            mp4a 75 rate=16000
+              esds 39
+          stts 1456 n=180: 0x1024 0x1024 0x1024 0x1024 0x1024 0x1024 0x1024 ... 0x1024
+          stsc 2176 n=0
+          stsz 740 n=0
+          stco 736 n=0
+  udta 121
+    meta 113
+      hdlr 33 mdir
+      ilst 68
+)"
+                              "        \xA9too 60\n"
+                              R"(          data 52
+)");
+  EXPECT_EQ(na, 180u);
+  EXPECT_EQ(f.slice(f.at(vbox("stsd/avc1/avcC")).offset + 8, 7),
+            (std::vector<uint8_t>{0x01, 0x4D, 0x40, 0x1F, 0xFF, 0xE0, 0x00}));
 
   // Both tracks are hidden until their first chunk: readers see a file
   // without streams, not tracks whose empty tables they refuse.
@@ -172,26 +188,12 @@ TEST(Head, FieldValuesOfAnEmptyFile) {
   for (const auto &b : raw.at("moov").children) children.push_back(b.type);
   EXPECT_EQ(children, (std::vector<std::string>{"mvhd", "free", "free", "udta"}));
 
-  // No chunk and no sample declared yet: every count is 0 but the audio stts
-  // count, which counts its reserved entries (whose sample counts are 0).
-  struct Count {
-    std::string path;
-    uint32_t count;
-  };
-  for (const auto &c : {Count{vbox("stts"), 0}, Count{vbox("stss"), 0}, Count{vbox("stsc"), 0},
-                        Count{vbox("stsz"), 0}, Count{vbox("stco"), 0}, Count{abox("stts"), na},
-                        Count{abox("stsc"), 0}, Count{abox("stsz"), 0}, Count{abox("stco"), 0}}) {
-    EXPECT_EQ(f.entry_count(f.at(c.path)), c.count) << c.path;
-  }
   const auto &stsc = f.at(vbox("stsc"));
   EXPECT_EQ(stsc.size, 16u + 12 * nv);
   for (uint32_t i = 0; i < nv; ++i) {
     EXPECT_EQ(f.u32(stsc.offset + 16 + 12 * i), 1u);
     EXPECT_EQ(f.u32(stsc.offset + 24 + 12 * i), 1u);
   }
-  const auto audio_stts = f.stts(f.at(abox("stts")));
-  EXPECT_EQ(audio_stts.front(), std::make_pair(0u, 1024u));
-  EXPECT_EQ(audio_stts.back(), std::make_pair(0u, 1024u));
 }
 
 // SOURCE_DATE_EPOCH fixes the creation time (reproducible recordings). What
@@ -344,7 +346,9 @@ TEST(Head, PreallocationChangesOnlyTheSttsEntries) {
     const uint64_t vs = ff.at(vbox("stts")).offset + 16, as = ff.at(abox("stts")).offset + 16;
     for (size_t i = 0; i < fb.size(); ++i) {
       const bool in_stts = (i >= vs && i < vs + 8 * nv) || (i >= as && i < as + 8 * n);
-      if (!in_stts) ASSERT_EQ(fb[i], hb[i]) << "byte " << i;
+      if (!in_stts) {
+        ASSERT_EQ(fb[i], hb[i]) << "byte " << i;
+      }
     }
     // Full: (1, 0) per video entry, (0, 1152) per audio entry. Holes: zeros
     // and a last (1, 0).

@@ -188,4 +188,63 @@ std::string BoxFile::tree(const std::string &path) const {
   return indented({at(path)}, false);
 }
 
+std::string BoxFile::fields_of(const Box &b) const {
+  const uint64_t o = b.offset;
+  auto n = [](uint64_t v) { return std::to_string(v); };
+  // Entries of a table, at most 8 shown.
+  auto entries = [&](uint32_t count, auto &&entry) {
+    std::string s = " n=" + n(count) + (count ? ":" : "");
+    for (uint32_t i = 0; i < count; ++i) {
+      if (count > 8 && i == 7) {
+        s += " ...";
+        i = count - 1;
+      }
+      s += " " + entry(i);
+    }
+    return s;
+  };
+  std::string s = b.type + " " + n(b.size);
+  if (b.type == "mvhd") {
+    s += " scale=" + n(u32(o + 20)) + " duration=" + n(u32(o + 24)) + " next=" + n(u32(o + 104));
+  } else if (b.type == "tkhd") {
+    const uint32_t w = u32(o + 84), h = u32(o + 88);
+    const bool fixed = (w & 0xFFFF) == 0 && (h & 0xFFFF) == 0 && (w | h) != 0;
+    s += " id=" + n(u32(o + 20)) + " duration=" + n(u32(o + 28)) + " volume=" + n(u16(o + 44)) +
+         " size=" + n(fixed ? w >> 16 : w) + "x" + n(fixed ? h >> 16 : h) + (fixed ? " fixed" : "");
+  } else if (b.type == "elst") {
+    s += " duration=" + n(u32(o + 16)) + " media=" + n(u32(o + 20));
+  } else if (b.type == "mdhd") {
+    s += " scale=" + n(u32(o + 20)) + " duration=" + n(u32(o + 24)) + " lang=" + n(u16(o + 28));
+  } else if (b.type == "hdlr") {
+    s += " " + str(o + 16, 4);
+  } else if (b.type == "avc1" || b.type == "hvc1") {
+    s += " " + n(u16(o + 32)) + "x" + n(u16(o + 34));
+  } else if (b.type == "mp4a") {
+    s += " rate=" + n(u32(o + 32) >> 16);
+  } else if (b.type == "stts") {
+    s += entries(entry_count(b),
+                 [&](uint32_t i) { return n(u32(o + 16 + 8 * i)) + "x" + n(u32(o + 20 + 8 * i)); });
+  } else if (b.type == "stsc") {
+    s += entries(entry_count(b), [&](uint32_t i) {
+      const uint64_t e = o + 16 + 12 * i;
+      return n(u32(e)) + "/" + n(u32(e + 4)) + "/" + n(u32(e + 8));
+    });
+  } else if (b.type == "stsz") {
+    s += entries(entry_count(b), [&](uint32_t i) { return n(u32(o + 20 + 4 * i)); });
+  } else if (b.type == "stss" || b.type == "stco") {
+    s += entries(entry_count(b), [&](uint32_t i) { return n(u32(o + 16 + 4 * i)); });
+  }
+  return s;
+}
+
+std::string BoxFile::fields(const std::string &path) const {
+  std::string out;
+  auto walk = [&](auto &&self, const Box &b, int depth) -> void {
+    out += std::string(2 * depth, ' ') + fields_of(b) + "\n";
+    for (const Box &c : b.children) self(self, c, depth + 1);
+  };
+  walk(walk, at(path), 0);
+  return out;
+}
+
 }  // namespace testsupport

@@ -59,9 +59,15 @@ class BoxFile {
   // The box at `path` and the boxes inside it as indented "type size" lines
   // (no offsets), for comparing a layout in one assertion.
   std::string tree(const std::string &path) const;
+  // The same with the fields that tell a layout apart, e.g.
+  //   "tkhd 92 id=1 duration=50 volume=0 size=1280x720 fixed" or
+  //   "stts 40 n=3: 1x40 1x40 1x50" (tables: their entries, at most 8, then
+  //   "..." and the last): one expected text instead of a field per assertion.
+  std::string fields(const std::string &path) const;
 
  private:
   void parse(uint64_t start, uint64_t end, std::vector<Box> &out, int depth);
+  std::string fields_of(const Box &b) const;
   std::vector<uint8_t> bytes_;
   std::vector<Box> top_;
 };
