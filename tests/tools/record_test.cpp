@@ -56,108 +56,96 @@ long sample_aac_frames() {
   return n;
 }
 
-TEST(Record, BuiltInSampleIntoRecordings) {
-  TempDir dir;
-  const auto r = testsupport::run_command("cd '" + dir.path() + "' && " + kTool + " record");
-  ASSERT_EQ(r.status, 0) << r.output;
-  const auto files = mp4_files(dir.file("recordings"));
-  ASSERT_EQ(files.size(), 1u) << r.output;
-  EXPECT_EQ(ffprobe_frames(files[0], "v"), sample_pictures());
-  EXPECT_EQ(ffprobe_frames(files[0], "a"), sample_aac_frames());
-  expect_playable(files[0]);
-  // Nothing else is left behind: no side file, no prepared spare file.
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir.file("recordings")), fs::directory_iterator()),
-            1);
+// One run of `mp4rec record`: the files it leaves (nothing else: no side file,
+// no prepared spare), each playing cleanly with what the stream info asked
+// for, and together every picture and audio frame of the input.
+struct RecordRun {
+  const char *name;
+  std::string (*command)(const std::string &dir);  // run in `dir`
+  const char *out;                                 // where the files go, inside `dir`
+  size_t files;
+  long (*pictures)();
+  bool audio;                                       // an audio input (else the files carry silence)
+  long (*audio_frames)();                           // its frames, all recorded (null: not counted)
+  const char *fields = nullptr, *values = nullptr;  // ffprobe video stream fields of every file
+};
+
+void PrintTo(const RecordRun &r, std::ostream *os) {
+  *os << r.name;
 }
 
-TEST(Record, SegmentsAddUpToTheWholeRecording) {
+class Records : public ::testing::TestWithParam<RecordRun> {};
+
+TEST_P(Records, EveryFilePlaysAndNoFrameIsLost) {
+  const RecordRun &c = GetParam();
   TempDir dir;
-  const auto r = run_tool("record --segment 2 -o '" + dir.path() + "' -n 'seg-{n}.mp4'");
+  const auto r = testsupport::run_command("cd '" + dir.path() + "' && " + c.command(dir.path()));
   ASSERT_EQ(r.status, 0) << r.output;
-  const auto files = mp4_files(dir.path());
-  ASSERT_EQ(files.size(), 3u) << r.output;  // five seconds in 2 + 2 + 1
-  EXPECT_EQ(fs::path(files[0]).filename(), "seg-001.mp4");
-  long video = 0, audio = 0;
+  const std::string out = dir.file(c.out);
+  const auto files = mp4_files(out);
+  ASSERT_EQ(files.size(), c.files) << r.output;
+  EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()),
+            static_cast<long>(c.files));
+  long pictures = 0, audio = 0;
   for (const auto &f : files) {
-    expect_playable(f);
-    const auto ins = mp4tool::inspect_file(f);
-    for (const auto &w : ins.warnings)
-      EXPECT_EQ(w.find("first sample is not a key frame"), std::string::npos) << f << ": " << w;
-    video += ffprobe_frames(f, "v");
+    expect_playable(f, c.audio);
+    // Every file starts with a key frame.
+    EXPECT_EQ(mp4tool::inspect_file(f).warnings, std::vector<std::string>{}) << f;
+    if (c.fields) EXPECT_EQ(testsupport::ffprobe_stream_field(f, "v", c.fields), c.values) << f;
+    pictures += ffprobe_frames(f, "v");
     audio += ffprobe_frames(f, "a");
   }
-  EXPECT_EQ(video, sample_pictures());
-  EXPECT_EQ(audio, sample_aac_frames());
+  EXPECT_EQ(pictures, c.pictures());
+  if (c.audio_frames) EXPECT_EQ(audio, c.audio_frames());
 }
 
-// From a pipe, with audio durations from the frames' time stamps.
-TEST(Record, StandardInput) {
-  TempDir dir;
-  const auto r = testsupport::run_command("cat '" + kSampleVideo + "' | " + kTool +
-                                          " record - --audio-timestamps -a '" + kSampleAudio +
-                                          "' -o '" + dir.path() + "' -n in.mp4");
-  ASSERT_EQ(r.status, 0) << r.output;
-  const std::string file = dir.file("in.mp4");
-  EXPECT_EQ(ffprobe_frames(file, "v"), sample_pictures());
-  EXPECT_EQ(ffprobe_frames(file, "a"), sample_aac_frames());
-  expect_playable(file);
-}
-
-// Video only, with parameters from the stream, at another size and rate, the
-// index written at once (durability mode 0).
-TEST(Record, OtherStreamWithoutAudio) {
-  TempDir dir;
-  const std::string video = testsupport::h264_stream(640, 360, 30, 3, 30);
-  const auto r = run_tool("record '" + video + "' --segment 1 --prealloc --durability 0 -q -o '" +
-                          dir.path() + "' -n 'v{n}.mp4'");
-  ASSERT_EQ(r.status, 0) << r.output;
-  const auto files = mp4_files(dir.path());
-  ASSERT_EQ(files.size(), 3u) << r.output;
-  long video_frames = 0;
-  for (const auto &f : files) {
-    expect_playable(f, false);
-    EXPECT_EQ(testsupport::ffprobe_stream_field(f, "v", "width"), "640");
-    EXPECT_EQ(testsupport::ffprobe_stream_field(f, "v", "height"), "360");
-    video_frames += ffprobe_frames(f, "v");
-  }
-  EXPECT_EQ(video_frames, 90);
-}
-
-// H.265 of three slice segments a picture, in files of one second each: every
-// file starts with an IRAP picture and plays, and no picture is lost.
-TEST(Record, Hevc) {
-  TempDir dir;
-  const std::string video = testsupport::hevc_stream(320, 240, 25, 3, 25, 3);
-  const std::string audio = testsupport::aac_stream(16000, 3);
-  const auto r = run_tool("record --hevc '" + video + "' -a '" + audio + "' --segment 1 -q -o '" +
-                          dir.path() + "' -n 'h{n}.mp4'");
-  ASSERT_EQ(r.status, 0) << r.output;
-  const auto files = mp4_files(dir.path());
-  ASSERT_EQ(files.size(), 3u) << r.output;
-  long pictures = 0;
-  for (const auto &f : files) {
-    expect_playable(f);
-    EXPECT_EQ(testsupport::ffprobe_stream_field(f, "v", "codec_name,codec_tag_string,width"),
-              "hevc,hvc1,320");
-    EXPECT_EQ(mp4tool::inspect_file(f).warnings, std::vector<std::string>{}) << f;
-    pictures += ffprobe_frames(f, "v");
-  }
-  EXPECT_EQ(pictures, 75);
-}
-
-TEST(Record, Mjpeg) {
-  TempDir dir;
-  const std::string video = testsupport::mjpeg_stream(320, 240, 10, 2);
-  const std::string audio = testsupport::pcm16_stream(16000, 2);
-  const auto r = run_tool("record --mjpeg '" + video + "' -a '" + audio + "' -q -o '" + dir.path() +
-                          "' -n m.mp4");
-  ASSERT_EQ(r.status, 0) << r.output;
-  const std::string file = dir.file("m.mp4");
-  EXPECT_EQ(ffprobe_frames(file, "v"), 20);
-  EXPECT_EQ(ffprobe_frames(file, "a"), static_cast<long>(fs::file_size(audio) / 2304));
-  EXPECT_EQ(ffmpeg_decode_errors(file), "");
-  EXPECT_TRUE(mp4tool::inspect_file(file).consistent());
-}
+INSTANTIATE_TEST_SUITE_P(
+    Tool, Records,
+    ::testing::Values(
+        // The built-in sample into ./recordings.
+        RecordRun{"BuiltInSample", [](const std::string &) { return kTool + " record"; },
+                  "recordings", 1, sample_pictures, true, sample_aac_frames},
+        // Five seconds in files of 2 + 2 + 1.
+        RecordRun{
+            "Segments",
+            [](const std::string &) { return kTool + " record --segment 2 -o . -n 'seg-{n}.mp4'"; },
+            ".", 3, sample_pictures, true, sample_aac_frames},
+        // From a pipe, with audio durations from the frames' time stamps.
+        RecordRun{"StandardInput",
+                  [](const std::string &) {
+                    return "cat '" + kSampleVideo + "' | " + kTool +
+                           " record - --audio-timestamps -a '" + kSampleAudio + "' -o . -n in.mp4";
+                  },
+                  ".", 1, sample_pictures, true, sample_aac_frames},
+        // Video only, parameters from the stream, another size and rate, the
+        // tables reserved as holes, the index written at once (mode 0).
+        RecordRun{"OtherStreamWithoutAudio",
+                  [](const std::string &) {
+                    return kTool + " record '" + testsupport::h264_stream(640, 360, 30, 3, 30) +
+                           "' --segment 1 --prealloc --durability 0 -q -o . -n 'v{n}.mp4'";
+                  },
+                  ".", 3, [] { return 90L; }, false, nullptr, "width,height", "640,360"},
+        // H.265 of three slice segments a picture, in files of one second.
+        RecordRun{"Hevc",
+                  [](const std::string &) {
+                    return kTool + " record --hevc '" +
+                           testsupport::hevc_stream(320, 240, 25, 3, 25, 3) + "' -a '" +
+                           testsupport::aac_stream(16000, 3) +
+                           "' --segment 1 -q -o . -n 'h{n}.mp4'";
+                  },
+                  ".", 3, [] { return 75L; }, true, nullptr, "codec_name,codec_tag_string,width",
+                  "hevc,hvc1,320"},
+        RecordRun{
+            "Mjpeg",
+            [](const std::string &) {
+              return kTool + " record --mjpeg '" + testsupport::mjpeg_stream(320, 240, 10, 2) +
+                     "' -a '" + testsupport::pcm16_stream(16000, 2) + "' -q -o . -n m.mp4";
+            },
+            ".", 1, [] { return 20L; }, true,
+            [] {
+              return static_cast<long>(fs::file_size(testsupport::pcm16_stream(16000, 2)) / 2304);
+            }}),
+    [](const auto &p) { return std::string(p.param.name); });
 
 // Time stamps from the clock, paced like a camera.
 TEST(Record, Realtime) {
