@@ -64,11 +64,4 @@ inline bool wait_status(mp4_data_buffer *data, int32_t value) {
   return false;
 }
 
-inline size_t queue_length(mp4_data_buffer *data, mp4_buffer_node *mp4_data_buffer::*queue) {
-  mp4rec::MutexLock lock(data->queue_lock);
-  size_t n = 0;
-  for (mp4_buffer_node *node = data->*queue; node != nullptr; node = node->next) ++n;
-  return n;
-}
-
 }  // namespace buffertest

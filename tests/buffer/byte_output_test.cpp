@@ -22,62 +22,39 @@ std::pair<int, Bytes> written(F write) {
   return {r, testsupport::read_file(path)};
 }
 
-TEST(ByteOutput, IntegersAreBigEndian) {
-  struct Case {
+// What each call writes: integers big-endian, tags and buffers as they are,
+// an H.264 unit with its first four bytes replaced by its length.
+TEST(ByteOutput, EachCallWritesItsBytes) {
+  static const unsigned char data[] = {1, 2, 3}, five[] = {0, 0, 0, 1, 0x65};
+  // The first four bytes are not inspected: a 3-byte start code loses the NAL header.
+  static const unsigned char three[] = {0, 0, 1, 0x41, 0xAA, 0xBB};
+  const struct {
     const char *name;
-    int (*put)(FILE *, unsigned int);
-    unsigned int value;
+    int (*put)(FILE *);
+    int result;
     Bytes expect;
-  };
-  const Case cases[] = {
-      {"be16", mp4_put_be16, 0x12345678, {0x56, 0x78}},
-      {"be24", mp4_put_be24, 0x12345678, {0x34, 0x56, 0x78}},
-      {"be32", mp4_put_be32, 0x12345678, {0x12, 0x34, 0x56, 0x78}},
-      {"be32 all ones", mp4_put_be32, 0xFFFFFFFF, {0xFF, 0xFF, 0xFF, 0xFF}},
+  } cases[] = {
+      {"be16", [](FILE *f) { return mp4_put_be16(f, 0x12345678); }, 0, {0x56, 0x78}},
+      {"be24", [](FILE *f) { return mp4_put_be24(f, 0x12345678); }, 0, {0x34, 0x56, 0x78}},
+      {"be32", [](FILE *f) { return mp4_put_be32(f, 0x12345678); }, 0, {0x12, 0x34, 0x56, 0x78}},
+      {"be32 ones", [](FILE *f) { return mp4_put_be32(f, 0xFFFFFFFF); }, 0, Bytes(4, 0xFF)},
+      {"byte", [](FILE *f) { return mp4_put_byte(f, 0x1AB); }, 0, {0xAB}},
+      {"tag", [](FILE *f) { return mp4_put_tag(f, "moov"); }, 0, {'m', 'o', 'o', 'v'}},
+      {"empty tag", [](FILE *f) { return mp4_put_tag(f, ""); }, 0, {}},
+      {"buffer", [](FILE *f) { return mp4_put_buffer(f, data, 3); }, 0, {1, 2, 3}},
+      {"empty buffer", [](FILE *f) { return mp4_put_buffer(f, data, 0); }, 0, {}},
+      {"h264", [](FILE *f) { return mp4_put_h264_buffer(f, five, 5); }, 0, {0, 0, 0, 1, 0x65}},
+      {"h264 short", [](FILE *f) { return mp4_put_h264_buffer(f, five, 4); }, -1, {}},
+      {"h264 3-byte",
+       [](FILE *f) { return mp4_put_h264_buffer(f, three, 6); },
+       0,
+       {0, 0, 0, 2, 0xAA, 0xBB}},
   };
   for (const auto &c : cases) {
-    auto [r, bytes] = written([&](FILE *f) { return c.put(f, c.value); });
-    EXPECT_EQ(r, 0) << c.name;
+    auto [r, bytes] = written(c.put);
+    EXPECT_EQ(r, c.result) << c.name;
     EXPECT_EQ(bytes, c.expect) << c.name;
   }
-  auto [r, bytes] = written([](FILE *f) { return mp4_put_byte(f, 0x1AB); });
-  EXPECT_EQ(r, 0);
-  EXPECT_EQ(bytes, Bytes{0xAB});
-}
-
-TEST(ByteOutput, TagsAndBuffers) {
-  auto [r1, tag] = written([](FILE *f) { return mp4_put_tag(f, "moov"); });
-  EXPECT_EQ(r1, 0);
-  EXPECT_EQ(tag, (Bytes{'m', 'o', 'o', 'v'}));
-
-  auto [r2, empty] = written([](FILE *f) { return mp4_put_tag(f, ""); });
-  EXPECT_EQ(r2, 0);
-  EXPECT_TRUE(empty.empty());
-
-  const unsigned char data[] = {1, 2, 3};
-  auto [r3, buf] = written([&](FILE *f) { return mp4_put_buffer(f, data, 3); });
-  EXPECT_EQ(r3, 0);
-  EXPECT_EQ(buf, (Bytes{1, 2, 3}));
-  auto [r4, none] = written([&](FILE *f) { return mp4_put_buffer(f, data, 0); });
-  EXPECT_EQ(r4, 0);
-  EXPECT_TRUE(none.empty());
-}
-
-TEST(ByteOutput, H264BufferReplacesTheStartCodeByTheLength) {
-  const unsigned char five[] = {0, 0, 0, 1, 0x65};
-  auto [r1, one] = written([&](FILE *f) { return mp4_put_h264_buffer(f, five, 5); });
-  EXPECT_EQ(r1, 0);
-  EXPECT_EQ(one, (Bytes{0, 0, 0, 1, 0x65}));
-
-  auto [r2, short_unit] = written([&](FILE *f) { return mp4_put_h264_buffer(f, five, 4); });
-  EXPECT_EQ(r2, -1);
-  EXPECT_TRUE(short_unit.empty());
-
-  // The first four bytes are not inspected: a 3-byte start code loses the NAL header.
-  const unsigned char three[] = {0, 0, 1, 0x41, 0xAA, 0xBB};
-  auto [r3, bytes] = written([&](FILE *f) { return mp4_put_h264_buffer(f, three, 6); });
-  EXPECT_EQ(r3, 0);
-  EXPECT_EQ(bytes, (Bytes{0, 0, 0, 2, 0xAA, 0xBB}));
 }
 
 TEST(ByteOutput, NullArgumentsFailWithoutWriting) {

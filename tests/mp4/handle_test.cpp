@@ -40,32 +40,6 @@ TEST(Handle, CapacitiesFollowThePlannedLength) {
   }
 }
 
-TEST(Handle, ListsAppendAtTheTailAndCount) {
-  mp4_handle *h = mp4rec::handle_alloc();
-  ASSERT_NE(h, nullptr);
-  for (uint32_t i = 0; i < 3; ++i) {
-    auto *v = static_cast<videoNode *>(std::malloc(sizeof(videoNode)));
-    v->timeStamp = i;
-    v->next = reinterpret_cast<videoNode *>(0x1);  // cleared by the append
-    mp4rec::handle_append_video(h, v);
-    auto *a = static_cast<audioNode *>(std::malloc(sizeof(audioNode)));
-    a->timeStamp = 10 + i;
-    mp4rec::handle_append_audio(h, a);
-  }
-  EXPECT_EQ(h->videoCount.load(), 3u);
-  EXPECT_EQ(h->audioCount.load(), 3u);
-  uint32_t expect = 0;
-  for (videoNode *v = h->videoHead; v != nullptr; v = v->next) EXPECT_EQ(v->timeStamp, expect++);
-  EXPECT_EQ(expect, 3u);
-  EXPECT_EQ(h->videoTail->timeStamp, 2u);
-  EXPECT_EQ(h->audioTail->timeStamp, 12u);
-
-  mp4rec::list_free(h->videoHead, h->videoTail);
-  EXPECT_EQ(h->videoHead, nullptr);
-  EXPECT_EQ(h->videoTail, nullptr);
-  free_mp4_h264(h);  // frees the audio list; the sanitizer build checks nothing leaks
-}
-
 TEST(Handle, FreeReleasesEverythingItOwns) {
   testsupport::TempDir dir;
   mp4_handle *h = mp4rec::handle_alloc();
