@@ -75,28 +75,14 @@ TEST(IndexAtEndHead, RefusesBadArgumentsWithTheirMessages) {
   }
 }
 
-TEST(IndexAtEndHead, FillsTheHandleAndWritesTheHead) {
-  Recording r(3, 1280, 720);
+// The time a new file is made (the finished-file digests leave times out).
+TEST(IndexAtEndHead, CreationTimeIsNow) {
+  Recording r(3);
   ASSERT_NE(r.h, nullptr);
   const uint32_t now = static_cast<uint32_t>(std::time(nullptr)) + 2082844800u;
   EXPECT_LE(r.h->creationTime - now + 2, 4u);
-  EXPECT_EQ(r.h->mdatPos, 40u);
-  EXPECT_EQ(r.h->audioFrameSamples, 1024u);
-  EXPECT_EQ(r.h->sampleRate, 16000u);
-  EXPECT_EQ(r.h->updatePos, nullptr);
-  EXPECT_EQ(r.h->mp2Encoder, nullptr);  // AAC needs no encoder
-  EXPECT_EQ(r.h->width, 1280u);
-  EXPECT_EQ(r.h->writeStatus, 0);
   free_mp4_h264(r.h);
-  const auto bytes = testsupport::read_file(r.mp4);
-  ASSERT_EQ(bytes.size(), 48u);
-  BoxFile f(bytes);
-  EXPECT_EQ(f.u32(0), 32u);
-  EXPECT_EQ(f.str(4, 4), "ftyp");
-  EXPECT_EQ(f.str(36, 4), "free");
-  EXPECT_EQ(f.str(44, 4), "mdat");
 }
-
 TEST(IndexAtEndVideo, NalUnitsBecomeLengthPrefixedSamples) {
   Recording r(3);
   ASSERT_NE(r.h, nullptr);
@@ -129,26 +115,12 @@ TEST(IndexAtEndVideo, NalUnitsBecomeLengthPrefixedSamples) {
   EXPECT_EQ(r.h->videoCount.load(), 2u);
   ASSERT_EQ(mp4_write_end_h264(r.h), 0);
 
+  // The stored form: a 4-byte length instead of the start code (the boxes
+  // are the finished-file digest's).
   BoxFile f(r.mp4);
   EXPECT_EQ(f.u32(48), 101u);
   EXPECT_EQ(f.u8(52), 0x65);
   EXPECT_EQ(f.u32(48 + 105), 51u);
-  const auto &avcc = f.at("moov/trak[0]/mdia/minf/stbl/stsd/avc1/avcC");
-  EXPECT_EQ(avcc.size, 8u + 11 + 5 + 3);
-  EXPECT_EQ(f.slice(avcc.offset + 8, 8), (Bytes{0x01, 0x4D, 0x40, 0x1F, 0xFF, 0xE1, 0x00, 0x05}));
-  EXPECT_EQ(f.slice(avcc.offset + 16, 5), (Bytes{0x67, 0x4D, 0x40, 0x1F, 0xAA}));
-  EXPECT_EQ(f.slice(avcc.offset + 21, 6), (Bytes{0x01, 0x00, 0x03, 0x68, 0xEE, 0x3C}));
-  const std::string v = "moov/trak[0]/mdia/minf/stbl/";
-  EXPECT_EQ(f.stss(f.at(v + "stss")), std::vector<uint32_t>{1});
-  EXPECT_EQ(f.stts(f.at(v + "stts")),
-            (std::vector<std::pair<uint32_t, uint32_t>>{{1, 40}, {1, 50}}));
-  EXPECT_EQ(f.stsz(f.at(v + "stsz")), (std::vector<uint32_t>{105, 55}));
-  EXPECT_EQ(f.stco(f.at(v + "stco")), std::vector<uint32_t>{48});
-  const auto &tkhd = f.at("moov/trak[0]/tkhd");
-  EXPECT_EQ(f.u32(tkhd.offset + 84), 640u << 16);  // 16.16 here
-  EXPECT_EQ(f.u32(tkhd.offset + 88), 480u << 16);
-  EXPECT_NE(f.find("moov/udta"), nullptr);
-  EXPECT_EQ(f.at("moov").size, f.bytes().size() - f.at("moov").offset);
 }
 
 TEST(IndexAtEndAudio, SideFileAacFramesLoseTheirHeaderAndShortOnesAreSkipped) {

@@ -122,35 +122,15 @@ TEST(MjpegFile, OnePictureWithoutAudio) {
   EXPECT_EQ(f.str(36, 4), "free");
   EXPECT_EQ(f.u32(40), 8 + pic.size());  // mdat
   EXPECT_EQ(f.slice(48, pic.size()), pic);
-  const auto &moov = f.at("moov");
-  EXPECT_EQ(moov.size, 1091u + 12);
-  EXPECT_EQ(f.u32(f.at("moov/mvhd").offset + 24), 50u);  // duration
-  EXPECT_EQ(f.u32(f.at("moov/mvhd").offset + 12), 0xC6BFDE31u);
-
-  const std::string v = "moov/trak[0]/mdia/minf/stbl/";
-  EXPECT_EQ(f.stts(f.at(v + "stts")), (std::vector<std::pair<uint32_t, uint32_t>>{{1, 50}}));
-  EXPECT_EQ(f.stsz(f.at(v + "stsz")), std::vector<uint32_t>{static_cast<uint32_t>(pic.size())});
-  EXPECT_EQ(f.stco(f.at(v + "stco")), std::vector<uint32_t>{48});
-  const auto &tkhd = f.at("moov/trak[0]/tkhd");
-  EXPECT_EQ(f.u32(tkhd.offset + 84), 640u);  // plain integers, not 16.16
-  EXPECT_EQ(f.u32(tkhd.offset + 88), 480u);
-  const auto &mp4v = f.at(v + "stsd/mp4v");
-  EXPECT_EQ(mp4v.size, 130u);
-  EXPECT_EQ(f.u16(mp4v.offset + 32), 640u);
-  EXPECT_EQ(f.u16(mp4v.offset + 34), 480u);
-  const auto &esds = f.at(v + "stsd/mp4v/esds");
-  EXPECT_EQ(esds.size, 44u);
-  EXPECT_EQ(f.u8(esds.offset + 12), 0x03);
-  EXPECT_EQ(f.u8(esds.offset + 25), 0x6C);  // JPEG
-
+  EXPECT_EQ(f.at("moov").size, 1091u + 12);
+  EXPECT_EQ(f.u32(f.at("moov/mvhd").offset + 12), 0xC6BFDE31u);  // a fixed creation time
+  // The audio track of a file without audio: one empty chunk behind the picture.
   const std::string a = "moov/trak[1]/mdia/minf/stbl/";
   EXPECT_EQ(f.stts(f.at(a + "stts")), (std::vector<std::pair<uint32_t, uint32_t>>{{0, 1152}}));
   EXPECT_EQ(f.stsc(f.at(a + "stsc")), (std::vector<BoxFile::Stsc>{{1, 0, 1}}));
   EXPECT_EQ(f.entry_count(f.at(a + "stsz")), 0u);
   EXPECT_EQ(f.stco(f.at(a + "stco")),
             std::vector<uint32_t>{48 + static_cast<uint32_t>(pic.size())});
-  EXPECT_EQ(f.at(a + "stsd/mp4a").size, 71u);
-  EXPECT_EQ(f.u32(f.at("moov/trak[1]/tkhd").offset + 84), 0u);
 }
 
 TEST(MjpegFile, VideoDeltasAreTimeStampDistances) {
