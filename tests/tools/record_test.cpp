@@ -91,12 +91,16 @@ TEST_P(Records, EveryFilePlaysAndNoFrameIsLost) {
     expect_playable(f, c.audio);
     // Every file starts with a key frame.
     EXPECT_EQ(mp4tool::inspect_file(f).warnings, std::vector<std::string>{}) << f;
-    if (c.fields) EXPECT_EQ(testsupport::ffprobe_stream_field(f, "v", c.fields), c.values) << f;
+    if (c.fields) {
+      EXPECT_EQ(testsupport::ffprobe_stream_field(f, "v", c.fields), c.values) << f;
+    }
     pictures += ffprobe_frames(f, "v");
     audio += ffprobe_frames(f, "a");
   }
   EXPECT_EQ(pictures, c.pictures());
-  if (c.audio_frames) EXPECT_EQ(audio, c.audio_frames());
+  if (c.audio_frames) {
+    EXPECT_EQ(audio, c.audio_frames());
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
