@@ -25,7 +25,6 @@
 namespace {
 
 using namespace sessiontest;
-using Bytes = std::vector<uint8_t>;
 using testsupport::SimCard;
 using testsupport::TempDir;
 using Clock = std::chrono::steady_clock;
@@ -35,21 +34,6 @@ constexpr long kStep = 3;  // the sanitizer builds sample every third write
 #else
 constexpr long kStep = 1;
 #endif
-
-struct Media {
-  std::vector<Bytes> units;  // access units, joined
-  std::vector<Bytes> aac;    // ADTS frames
-};
-
-// Pictures of `width` x `height` (an IDR picture every `gop`) and AAC.
-Media load_media(int width, int height, int gop, double seconds) {
-  Media m;
-  for (const auto &au : testsupport::access_units(testsupport::split_annexb(
-           testsupport::read_file(testsupport::h264_stream(width, height, 25, seconds, gop)))))
-    m.units.push_back(joined(au));
-  m.aac = testsupport::split_adts(testsupport::read_file(testsupport::aac_stream(16000, seconds)));
-  return m;
-}
 
 // What one recording did.
 struct Outcome {
@@ -67,7 +51,7 @@ struct Outcome {
 // Records `m` into a new file, as a host does, until a frame call refuses.
 // With `abandon` set, a handler that a failed close kept is abandoned at once
 // (mp4_write_close_without_end, then mp4_write_close frees the record).
-Outcome record(mp4_base *base, const TempDir &dir, const std::string &name, const Media &m,
+Outcome record(mp4_base *base, const TempDir &dir, const std::string &name, const AvMedia &m,
                const SimCard &card, bool abandon = false) {
   Outcome o;
   const long before = card.writes();
@@ -147,7 +131,7 @@ FileState look_at(const std::string &path) {
 }
 
 TEST(CardFault, EveryWriteFailingOnceOrForGood) {
-  const Media m = load_media(320, 240, 5, 2.0);
+  const AvMedia m = load_av(320, 240, 25, 2.0, 5);
   ASSERT_GE(m.units.size(), 50u);
   TempDir dir;
   testsupport::LogCapture log;
@@ -235,7 +219,7 @@ class StuckCard : public testing::Test {
 // session's end leaves the thread behind, each within its bound; the file
 // holds what was committed before.
 TEST_F(StuckCard, AWriteThatNeverReturns) {
-  const Media m = load_media(640, 480, 25, 4.0);  // more video than the buffer holds
+  const AvMedia m = load_av(640, 480, 25, 4.0, 25);  // more video than the buffer holds
   // The clean run tells how many writes the head takes: the writer thread's
   // first node write comes right behind them.
   const Outcome clean = record(base, dir, "clean", m, card);

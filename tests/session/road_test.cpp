@@ -28,40 +28,6 @@ namespace {
 using namespace sessiontest;
 using testsupport::LogCapture;
 using testsupport::TempDir;
-using Bytes = std::vector<uint8_t>;
-
-// H.264 or H.265 access units (joined as the encoder hands them over) and ADTS frames.
-struct AvMedia {
-  int fps = 25;
-  bool per_nal = false;  // fed NAL unit by NAL unit instead of through the splitter
-  std::vector<Bytes> units;
-  std::vector<bool> idr;
-  std::vector<Bytes> aac;
-  int video_ts(size_t i) const { return static_cast<int>(i * 1000 / static_cast<size_t>(fps)); }
-  static int audio_ts(size_t j) { return static_cast<int>(j * 64); }  // 1024 samples at 16 kHz
-};
-
-AvMedia load_av(int width, int height, int fps, double seconds, int gop, bool hevc = false,
-                int slices = 1) {
-  AvMedia m;
-  m.fps = fps;
-  // The splitter looks for start codes in the first 200 bytes only: the
-  // slices behind the first go in one by one.
-  m.per_nal = slices > 1;
-  const auto nals = testsupport::split_annexb(testsupport::read_file(
-      hevc ? testsupport::hevc_stream(width, height, fps, seconds, gop, slices)
-           : testsupport::h264_stream(width, height, fps, seconds, gop)));
-  for (const auto &au : testsupport::access_units(nals, hevc)) {
-    m.units.push_back(joined(au));
-    m.idr.push_back(hevc ? au.back().hevc_type() >= 16 && au.back().hevc_type() <= 21
-                         : au.back().type() == 5);
-  }
-  m.aac = testsupport::split_adts(testsupport::read_file(testsupport::aac_stream(16000, seconds)));
-  // The encoder's priming and padding frames run past the pictures; a camera's
-  // audio stops with its video.
-  while (!m.aac.empty() && AvMedia::audio_ts(m.aac.size() - 1) >= seconds * 1000) m.aac.pop_back();
-  return m;
-}
 
 // Where a stream ends as a player sees it: the latest packet end, in seconds.
 double stream_end(const std::string &path, const std::string &kind) {
